@@ -1,0 +1,3 @@
+#include "zu_data_manager/zu_array.h"
+
+IZUArray::~IZUArray() {}

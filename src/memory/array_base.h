@@ -1,0 +1,167 @@
+// CZUArrayBase<T, Container>: turns a container of T into an IZUArray.
+//
+// Two layers:
+//  * CZUArrayCommon<T> holds the operations written only against other virtual slots
+//    (FindNearest, LocateLowerBound, FindFloor, AppendBuffer, the refusing AppendRange, the
+//    description stubs, GetItemPtr). Every array class shares them, so a class that overrides
+//    LowerBound, GetAt or AppendRange changes their answers accordingly.
+//  * CZUArrayBase<T, Container> gives the container bodies for std::vector and std::xdeque.
+//    What differs between those two containers lives in ContainerOps<Container>, specialised
+//    next to each container.
+//
+// Ownership: the array owns its container through a shared pointer, set by Init().
+// Thread-safety: not thread-safe: one thread per array.
+#ifndef ZU_MEMORY_ARRAY_BASE_H_
+#define ZU_MEMORY_ARRAY_BASE_H_
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+
+#include "src/core/bisect.h"
+#include "src/core/errors.h"
+#include "src/core/range.h"
+#include "zu_data_manager/zu_array.h"
+
+namespace zu {
+
+// In-memory containers address elements with 32-bit positions.
+constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;
+
+template <typename T>
+class CZUArrayCommon : public IZUArray {
+ public:
+  // The nearest element by LowerBound; the tolerance is only honoured by file arrays.
+  uint64_t FindNearest(void* inout, uint64_t /*tolerance*/) override {
+    uint64_t i = this->LowerBound(inout);
+    if (i < this->GetSize()) this->GetAt(i, inout);
+    return i;
+  }
+
+  uint64_t LocateLowerBound(const void* value) override { return this->LowerBound(value); }
+
+  // Index of the last element not greater than *value. Beyond the last element it answers
+  // the last index (while FindNearest answers the size); below the first it answers
+  // all-ones, which callers test for.
+  uint64_t FindFloor(const void* value) override {
+    uint64_t i = this->LowerBound(value);
+    uint64_t n = this->GetSize();
+    if (i >= n) return n == 0 ? 0 : n - 1;
+    T element{};
+    this->GetAt(i, &element);
+    return element == *static_cast<const T*>(value) ? i : i - 1;
+  }
+
+  // Only the low 32 bits of count are used: a range carries 32-bit positions.
+  int AppendBuffer(const void* data, uint64_t count) override {
+    auto n = static_cast<unsigned int>(count);
+    SimpleDataIter<unsigned char> first(static_cast<unsigned char*>(const_cast<void*>(data)), n,
+                                        sizeof(T));
+    std::shared_ptr<ArrayIterBase> last = first.Clone();
+    last->Seek(n);
+    return this->AppendRange(&first, last.get());
+  }
+
+  int AppendRange(ArrayIterBase* /*first*/, ArrayIterBase* /*last*/) override {
+    ThrowNotImplemented();
+  }
+  bool LoadDescription(const base::DictionaryValue* /*desc*/) override { return true; }
+  bool SaveDescription(base::DictionaryValue** /*out*/) override { return true; }
+
+  // Slot 19: the address of a record; only record (unsigned char*) arrays answer.
+  virtual unsigned char* GetItemPtr(uint64_t /*index*/) { return nullptr; }
+};
+
+// Per-container operations: At(c, i), InsertRange(c, pos, first, last), CopyOut(c, from, n,
+// dest), EraseAll(c) (keeps capacity or blocks for reuse). Specialised next to each container.
+template <typename Container>
+struct ContainerOps;
+
+template <typename T, typename Container>
+class CZUArrayBase : public CZUArrayCommon<T> {
+ public:
+  using Ops = ContainerOps<Container>;
+
+  void* GetAt(uint64_t index, void* out) override {
+    Container& c = *container_;
+    if (index >= c.size()) return nullptr;
+    *static_cast<T*>(out) = Ops::At(c, static_cast<uint32_t>(index));
+    return out;
+  }
+
+  int Append(const void* value) override {
+    return GuardAdd([&] {
+      Container& c = *container_;
+      if (c.size() >= kMaxInMemoryElements) throw std::length_error("vector<T> too long");
+      c.push_back(*static_cast<const T*>(value));
+    });
+  }
+
+  void SetAt(uint64_t index, const void* value) override {
+    Container& c = *container_;
+    if (index < c.size()) Ops::At(c, static_cast<uint32_t>(index)) = *static_cast<const T*>(value);
+  }
+
+  // Null on an empty array rather than reading before the first element.
+  void* GetLast(void* out) override {
+    Container& c = *container_;
+    if (c.size() == 0) return nullptr;
+    *static_cast<T*>(out) = Ops::At(c, static_cast<uint32_t>(c.size() - 1));
+    return out;
+  }
+
+  uint64_t Find(const void* value) override {
+    Container& c = *container_;
+    const T& v = *static_cast<const T*>(value);
+    uint64_t n = c.size();
+    uint64_t i = BisectLower(n, v, ElementAt(c));
+    return (i < n && Ops::At(c, static_cast<uint32_t>(i)) == v) ? i : n;
+  }
+
+  uint64_t UpperBound(const void* value) override {
+    Container& c = *container_;
+    return BisectUpper(c.size(), *static_cast<const T*>(value), ElementAt(c));
+  }
+
+  uint64_t LowerBound(const void* value) override {
+    Container& c = *container_;
+    return BisectLower(c.size(), *static_cast<const T*>(value), ElementAt(c));
+  }
+
+  int Assign(ArrayIterBase* first, ArrayIterBase* last) override {
+    return GuardAdd([&] {
+      Container& c = *container_;
+      Ops::EraseAll(c);
+      Ops::InsertRange(c, 0, first, last);
+    });
+  }
+
+  // Copies only what exists: a start at or beyond the end copies nothing.
+  void CopyOut(void* dest, int start, unsigned int count) override {
+    Container& c = *container_;
+    uint64_t size = c.size();
+    uint64_t from = static_cast<unsigned int>(start);
+    if (from >= size) return;
+    uint64_t n = std::min<uint64_t>(count, size - from);
+    Ops::CopyOut(c, static_cast<uint32_t>(from), static_cast<uint32_t>(n), static_cast<T*>(dest));
+  }
+
+  void Clear() override { container_->clear(); }
+  uint64_t GetSize() override { return container_->size(); }
+
+  // Slot 20: builds the container. The base has none to build.
+  virtual bool Init() { return false; }
+
+ protected:
+  static auto ElementAt(Container& c) {
+    return [&c](uint64_t i) -> const T& { return Ops::At(c, static_cast<uint32_t>(i)); };
+  }
+
+  // Empty until Init(); the array is the container's only owner.
+  std::shared_ptr<Container> container_;
+};
+
+}  // namespace zu
+
+#endif  // ZU_MEMORY_ARRAY_BASE_H_
