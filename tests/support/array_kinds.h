@@ -1,0 +1,48 @@
+// The array kinds that share the IZUArray contract, for the typed contract suite
+// (array_contract_test.cc). Adding a kind is one line in kContractKinds below.
+//
+// A kind names its element type, how to make an array, and the few places where the
+// contract deliberately differs between kinds.
+#ifndef ZU_TESTS_SUPPORT_ARRAY_KINDS_H_
+#define ZU_TESTS_SUPPORT_ARRAY_KINDS_H_
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "zu_data_manager/zu_data_manager.h"
+
+namespace zu_test {
+
+// Where a kind deviates from the in-memory answers of the shared contract.
+struct InMemoryRules {
+  static constexpr bool kNeedsDataDirectory = false;
+  // FindFloor / LocateLowerBound answer from samples (coarse) instead of exactly.
+  static constexpr bool kCoarseSearches = false;
+};
+
+struct FileRules {
+  static constexpr bool kNeedsDataDirectory = true;
+  static constexpr bool kCoarseSearches = true;
+};
+
+template <typename T, IZUArray* (CArrayFactory::*Alloc)(int), typename Rules>
+struct Kind : Rules {
+  using Element = T;
+  static std::unique_ptr<IZUArray> Make() {
+    CArrayFactory factory;
+    return std::unique_ptr<IZUArray>((factory.*Alloc)(static_cast<int>(sizeof(T))));
+  }
+};
+
+template <typename T>
+using VectorKind = Kind<T, &CArrayFactory::AllocVectorArray, InMemoryRules>;
+
+// One line per kind and element type.
+using ContractKinds = ::testing::Types<
+    VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>, VectorKind<int64_t>>;
+
+}  // namespace zu_test
+
+#endif  // ZU_TESTS_SUPPORT_ARRAY_KINDS_H_
