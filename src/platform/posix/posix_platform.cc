@@ -1,45 +1,325 @@
-// Placeholder POSIX backend: answers the queries that need no file system and refuses every
-// file operation, so that file storage reports itself dead. Replaced by the real backend.
+// The POSIX backend of the platform seam.
+//
+// Windows semantics the library was designed around, and how they are kept here:
+//  * A data file stays share-locked (flock LOCK_SH) while open; the clean-up only deletes a
+//    file after it obtained LOCK_EX without waiting, so a live array of any process keeps its
+//    files, as an open file without delete sharing does on Windows.
+//  * A "mapping object" fixes the file's length; creating one extends the file with reserved
+//    blocks (fallocate), so a write through a view can never fault on a full disk.
+//  * Views are never placed with MAP_FIXED: the old address is only a hint.
+//  * Flushing starts write-back and never waits (MS_ASYNC).
+// Every errno is translated in StatusFromErrno.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <cwctype>
+
+#include "src/base/utf8.h"
 #include "src/platform/platform.h"
 
 namespace zu {
 namespace platform {
 namespace {
 
+constexpr mode_t kDataFileMode = 0600;          // the files hold the host's data: owner only
+constexpr mode_t kDirectoryMode = 0777;         // umask applies, as for any created directory
+constexpr size_t kGuidBytes = 16;               // a GUID is 128 bits
+constexpr rlim_t kFallbackFileLimit = 1 << 20;  // used when the hard limit is "unlimited"
+
+// The one place where errno becomes an IoStatus.
+IoStatus StatusFromErrno(int error) {
+  switch (error) {
+    case ENOSPC:
+    case EFBIG:
+    case EDQUOT:
+      return IoStatus::kNoSpace;
+    default:
+      return IoStatus::kFailed;
+  }
+}
+
+// An owned descriptor, closed on destruction unless released.
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ~ScopedFd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  ScopedFd(ScopedFd&& other) noexcept : fd_(other.release()) {}
+  ScopedFd& operator=(ScopedFd&&) = delete;
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  int release() {
+    int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+
+ private:
+  int fd_;  // -1 when empty
+};
+
+// A directory stream, closed on destruction.
+class ScopedDir {
+ public:
+  explicit ScopedDir(DIR* dir) : dir_(dir) {}
+  ~ScopedDir() {
+    if (dir_ != nullptr) ::closedir(dir_);
+  }
+  ScopedDir(const ScopedDir&) = delete;
+  ScopedDir& operator=(const ScopedDir&) = delete;
+  DIR* get() const { return dir_; }
+
+ private:
+  DIR* dir_;  // null when the directory could not be opened
+};
+
+int RetryOpen(const std::string& path, int flags, mode_t mode = 0) {
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags, mode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+bool RetryFlock(int fd, int operation) {
+  int rc;
+  do {
+    rc = ::flock(fd, operation);
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0;
+}
+
+bool IsRegularFile(int fd) {
+  struct stat st;
+  return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+}
+
+// On POSIX a mapping is the descriptor it was made from; +1 keeps descriptor 0 distinct from
+// kNoMapping.
+MappingHandle MappingFromFd(int fd) { return static_cast<MappingHandle>(fd) + 1; }
+int FdFromMapping(MappingHandle mapping) { return static_cast<int>(mapping - 1); }
+
+bool FillRandom(unsigned char* out, size_t length) {
+  size_t done = 0;
+  while (done < length) {
+    ssize_t n = ::getrandom(out + done, length - done, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (done == length) return true;
+  // Kernels without getrandom: the device gives the same bytes.
+  ScopedFd fd(RetryOpen("/dev/urandom", O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) return false;
+  while (done < length) {
+    ssize_t n = ::read(fd.get(), out + done, length - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool EndsWithIgnoringCase(const std::wstring& name, const std::wstring& suffix) {
+  if (name.size() < suffix.size()) return false;
+  size_t offset = name.size() - suffix.size();
+  for (size_t i = 0; i < suffix.size(); ++i) {
+    if (std::towlower(static_cast<wint_t>(name[offset + i])) !=
+        std::towlower(static_cast<wint_t>(suffix[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 class PosixPlatform : public Platform {
  public:
-  FileHandle CreateFile(const std::wstring&) override { return kInvalidFile; }
-  FileHandle OpenFile(const std::wstring&) override { return kInvalidFile; }
-  void CloseFile(FileHandle) override {}
-  bool DeleteFile(const std::wstring&) override { return false; }
-  bool DeleteFileIfUnused(const std::wstring&) override { return false; }
-  int64_t FileLength(FileHandle) override { return -1; }
-  IoStatus WriteAt(FileHandle, uint64_t, const void*, size_t) override { return IoStatus::kFailed; }
-  MappingHandle CreateMapping(FileHandle, uint64_t, IoStatus* status) override {
+  FileHandle CreateFile(const std::wstring& path) override {
+    if (path.empty()) return kInvalidFile;
+    ScopedFd fd(RetryOpen(WideToUtf8(path), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                          kDataFileMode));
+    if (!fd.valid() || !RetryFlock(fd.get(), LOCK_SH)) return kInvalidFile;
+    return fd.release();
+  }
+
+  FileHandle OpenFile(const std::wstring& path) override {
+    if (path.empty()) return kInvalidFile;
+    ScopedFd fd(RetryOpen(WideToUtf8(path), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!fd.valid() || !IsRegularFile(fd.get())) return kInvalidFile;
+    if (!RetryFlock(fd.get(), LOCK_SH | LOCK_NB)) return kInvalidFile;
+    return fd.release();
+  }
+
+  void CloseFile(FileHandle file) override {
+    if (file >= 0) ::close(static_cast<int>(file));
+  }
+
+  bool DeleteFile(const std::wstring& path) override {
+    return !path.empty() && ::unlink(WideToUtf8(path).c_str()) == 0;
+  }
+
+  bool DeleteFileIfUnused(const std::wstring& path) override {
+    std::string native = WideToUtf8(path);
+    ScopedFd fd(RetryOpen(native, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (!fd.valid() || !IsRegularFile(fd.get())) return false;
+    // Every live holder keeps LOCK_SH, so an exclusive lock proves nobody uses the file.
+    if (!RetryFlock(fd.get(), LOCK_EX | LOCK_NB)) return false;
+    return ::unlink(native.c_str()) == 0;
+  }
+
+  int64_t FileLength(FileHandle file) override {
+    struct stat st;
+    if (file < 0 || ::fstat(static_cast<int>(file), &st) != 0) return -1;
+    return static_cast<int64_t>(st.st_size);
+  }
+
+  IoStatus WriteAt(FileHandle file, uint64_t offset, const void* data, size_t length) override {
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    while (length > 0) {
+      ssize_t n = ::pwrite(static_cast<int>(file), bytes, length, static_cast<off_t>(offset));
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return StatusFromErrno(errno);
+      }
+      if (n == 0) return IoStatus::kNoSpace;  // a zero-length write means no more room
+      bytes += n;
+      offset += static_cast<uint64_t>(n);
+      length -= static_cast<size_t>(n);
+    }
+    return IoStatus::kOk;
+  }
+
+  MappingHandle CreateMapping(FileHandle file, uint64_t bytes, IoStatus* status) override {
     *status = IoStatus::kFailed;
-    return kNoMapping;
+    if (file < 0) return kNoMapping;
+    int fd = static_cast<int>(file);
+    // Reserve every block up to the new length, so no later store through a view can meet a
+    // full disk (which would be SIGBUS instead of an error).
+    int rc;
+    do {
+      rc = ::fallocate(fd, 0, 0, static_cast<off_t>(bytes));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+      if (errno != EOPNOTSUPP) {
+        *status = StatusFromErrno(errno);
+        return kNoMapping;
+      }
+      // File systems that cannot reserve: the length is all we can fix.
+      struct stat st;
+      if (::fstat(fd, &st) != 0) return kNoMapping;
+      if (static_cast<uint64_t>(st.st_size) < bytes &&
+          ::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
+        *status = StatusFromErrno(errno);
+        return kNoMapping;
+      }
+    }
+    *status = IoStatus::kOk;
+    return MappingFromFd(fd);
   }
+
+  // The descriptor belongs to the file handle; nothing to release.
   void CloseMapping(MappingHandle) override {}
-  void* MapView(MappingHandle, uint64_t, size_t, bool, void*) override { return nullptr; }
-  void UnmapView(void*, size_t) override {}
-  void FlushView(void*, size_t) override {}
-  size_t PageSize() override { return static_cast<size_t>(sysconf(_SC_PAGESIZE)); }
-  size_t AllocationGranularity() override { return PageSize(); }
-  void CreateDirectories(const std::wstring&) override {}
-  std::vector<std::wstring> ListFiles(const std::wstring&, const std::wstring&) override {
-    return {};
+
+  void* MapView(MappingHandle mapping, uint64_t offset, size_t length, bool writable,
+                void* hint) override {
+    if (mapping == kNoMapping) return nullptr;
+    int protection = PROT_READ | (writable ? PROT_WRITE : 0);
+    void* view = ::mmap(hint, length, protection, MAP_SHARED, FdFromMapping(mapping),
+                        static_cast<off_t>(offset));
+    return view == MAP_FAILED ? nullptr : view;
   }
-  std::wstring NewGuid() override { return L"{00000000-0000-4000-8000-000000000000}"; }
+
+  void UnmapView(void* view, size_t length) override {
+    if (view != nullptr) ::munmap(view, length);
+  }
+
+  void FlushView(void* address, size_t length) override {
+    if (address != nullptr && length > 0) ::msync(address, length, MS_ASYNC);
+  }
+
+  size_t PageSize() override { return static_cast<size_t>(::sysconf(_SC_PAGESIZE)); }
+  size_t AllocationGranularity() override { return PageSize(); }
+
+  void CreateDirectories(const std::wstring& path) override {
+    std::string native = WideToUtf8(path);
+    for (size_t slash = native.find('/', 1); !native.empty(); slash = native.find('/', slash + 1)) {
+      std::string prefix = native.substr(0, slash);
+      if (!prefix.empty()) ::mkdir(prefix.c_str(), kDirectoryMode);
+      if (slash == std::string::npos) break;
+    }
+  }
+
+  std::vector<std::wstring> ListFiles(const std::wstring& dir,
+                                      const std::wstring& extension) override {
+    std::vector<std::wstring> names;
+    std::string native = WideToUtf8(dir);
+    ScopedDir stream(::opendir(native.c_str()));
+    if (stream.get() == nullptr) return names;
+    while (dirent* entry = ::readdir(stream.get())) {
+      std::wstring name = Utf8ToWide(entry->d_name);
+      if (!EndsWithIgnoringCase(name, extension)) continue;
+      struct stat st;
+      if (::fstatat(::dirfd(stream.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !S_ISREG(st.st_mode)) {
+        continue;
+      }
+      names.push_back(name);
+    }
+    return names;
+  }
+
+  std::wstring NewGuid() override {
+    unsigned char bytes[kGuidBytes] = {};
+    if (!FillRandom(bytes, sizeof(bytes))) return std::wstring();
+    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    char text[64];
+    std::snprintf(text, sizeof(text),
+                  "{%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X}",
+                  bytes[0], bytes[1], bytes[2], bytes[3], bytes[4], bytes[5], bytes[6], bytes[7],
+                  bytes[8], bytes[9], bytes[10], bytes[11], bytes[12], bytes[13], bytes[14],
+                  bytes[15]);
+    return Utf8ToWide(text);
+  }
+
   wchar_t PathSeparator() override { return L'/'; }
-  void RaiseOpenFileLimit() override {}
+
+  void RaiseOpenFileLimit() override {
+    static std::atomic<bool> raised{false};
+    if (raised.exchange(true)) return;
+    struct rlimit limit;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    rlim_t wanted = limit.rlim_max;
+    limit.rlim_cur = wanted;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) == 0) return;
+    // An "unlimited" hard limit is capped by the kernel's own maximum.
+    if (wanted == RLIM_INFINITY) {
+      limit.rlim_cur = kFallbackFileLimit;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+  }
 };
 
 }  // namespace
 
 Platform& Native() {
-  static PosixPlatform* native = new PosixPlatform();
+  static PosixPlatform* native = new PosixPlatform();  // stateless; lives for the process
   return *native;
 }
 
