@@ -1,0 +1,254 @@
+#include "src/memory/xdeque.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <iterator>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <stdexcept>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+constexpr unsigned int kSmallBlock = 4;
+using SmallDeque = std::xdeque<uint32_t, kSmallBlock>;
+
+template <typename D, typename Model>
+void ExpectSame(const D& d, const Model& model) {
+  ASSERT_EQ(d.size(), model.size());
+  for (uint32_t i = 0; i < d.size(); ++i) ASSERT_EQ(d[i], model[i]) << "index " << i;
+  ASSERT_TRUE(std::equal(d.begin(), d.end(), model.begin(), model.end()));
+}
+
+// Counts live objects, so that a missed destruction or a double one shows up.
+struct Tracked {
+  static int live;
+  explicit Tracked(int v) : value(std::make_unique<int>(v)) { ++live; }
+  Tracked(const Tracked& o) : value(std::make_unique<int>(*o.value)) { ++live; }
+  Tracked& operator=(const Tracked& o) {
+    *value = *o.value;
+    return *this;
+  }
+  ~Tracked() { --live; }
+  std::unique_ptr<int> value;
+};
+int Tracked::live = 0;
+
+TEST(Xdeque, BlockBoundariesOfAByteDeque) {
+  constexpr uint32_t kBlock = 0x100000;
+  std::xdeque<uint8_t, kBlock> d;
+  d.push_back(7);
+  EXPECT_EQ(d.map_size(), 8u);
+  EXPECT_TRUE(d.has_block(0));
+  EXPECT_FALSE(d.has_block(1));
+  std::vector<uint8_t> bytes(kBlock - 1);
+  for (uint32_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i * 31);
+  d.insert(d.end(), bytes.data(), bytes.data() + bytes.size());
+  ASSERT_EQ(d.size(), kBlock);
+  EXPECT_FALSE(d.has_block(1));
+  d.push_back(0xAB);
+  EXPECT_TRUE(d.has_block(1));
+  EXPECT_EQ(d[kBlock], 0xAB);
+  EXPECT_EQ(*(d.begin() + kBlock), 0xAB);
+  EXPECT_EQ(d[kBlock - 1], bytes.back());
+  EXPECT_EQ(d[0], 7);
+  std::vector<uint8_t> out(3);
+  d.copy_out(kBlock - 2, 3, out.data());
+  EXPECT_EQ(out, (std::vector<uint8_t>{bytes[kBlock - 3], bytes[kBlock - 2], 0xAB}));
+}
+
+TEST(Xdeque, FrontPushPopAndClearKeepTheRingRules) {
+  SmallDeque d;
+  d.push_front(5);
+  EXPECT_EQ(d.map_size(), 8u);
+  EXPECT_EQ(d.first_position(), 8 * kSmallBlock - 1);
+  EXPECT_TRUE(d.has_block(7));
+  EXPECT_EQ(d.front(), 5u);
+  d.push_back(6);
+  EXPECT_EQ(d.back(), 6u);
+  EXPECT_TRUE(d.has_block(0));
+  d.pop_front();
+  d.pop_back();
+  EXPECT_TRUE(d.empty());
+  EXPECT_EQ(d.first_position(), 0u);
+  EXPECT_TRUE(d.has_block(0) && d.has_block(7));  // popping keeps blocks
+  d.pop_back();                                   // popping an empty deque does nothing
+  EXPECT_EQ(d.size(), 0u);
+  d.push_back(1);
+  d.clear();
+  EXPECT_EQ(d.map_size(), 0u);
+  EXPECT_FALSE(d.has_block(0));
+  d.push_back(2);
+  EXPECT_EQ(d.map_size(), 8u);
+  EXPECT_EQ(d[0], 2u);
+}
+
+// Random pushes and pops at both ends grow the map while the ring has wrapped (in both
+// branches of the slot relocation); every element must keep its index.
+TEST(Xdeque, GrowthKeepsIndexesWhenTheRingHasWrapped) {
+  std::mt19937 rng(42);
+  for (int round = 0; round < 20; ++round) {
+    SmallDeque d;
+    std::deque<uint32_t> model;
+    uint32_t last_map = 0;
+    int growths = 0;
+    for (uint32_t step = 0; step < 3000; ++step) {
+      int op = static_cast<int>(rng() % 10);
+      if (op < 4) {
+        d.push_front(step);
+        model.push_front(step);
+      } else if (op < 8) {
+        d.push_back(step);
+        model.push_back(step);
+      } else if (op == 8 && !model.empty()) {
+        d.pop_front();
+        model.pop_front();
+      } else if (!model.empty()) {
+        d.pop_back();
+        model.pop_back();
+      }
+      if (d.map_size() != last_map) {
+        ++growths;
+        last_map = d.map_size();
+        ExpectSame(d, model);
+      }
+      if (d.map_size() != 0) {
+        ASSERT_LT(d.first_position(), d.map_size() * kSmallBlock);
+      }
+    }
+    ExpectSame(d, model);
+    EXPECT_GT(growths, 3);
+  }
+}
+
+TEST(Xdeque, RangeInsertAndEraseMatchAStandardDeque) {
+  std::mt19937 rng(7);
+  for (int round = 0; round < 200; ++round) {
+    SmallDeque d;
+    std::deque<uint32_t> model;
+    for (int step = 0; step < 12; ++step) {
+      std::vector<uint32_t> src(rng() % 11);
+      std::iota(src.begin(), src.end(), static_cast<uint32_t>(step * 100));
+      uint32_t where = model.empty() ? 0 : static_cast<uint32_t>(rng() % (model.size() + 1));
+      if (rng() % 2 == 0) {
+        d.insert(d.begin() + where, src.data(), src.data() + src.size());
+      } else {
+        // Any other iterator takes the element-wise path.
+        d.insert(d.begin() + where, src.begin(), src.end());
+      }
+      model.insert(model.begin() + where, src.begin(), src.end());
+      ExpectSame(d, model);
+      if (!model.empty() && rng() % 3 == 0) {
+        uint32_t a = static_cast<uint32_t>(rng() % model.size());
+        uint32_t b = a + static_cast<uint32_t>(rng() % (model.size() - a + 1));
+        d.erase(d.begin() + a, d.begin() + b);
+        model.erase(model.begin() + a, model.begin() + b);
+        ExpectSame(d, model);
+      }
+    }
+  }
+  // Erasing everything keeps the blocks and resets the first position.
+  SmallDeque d;
+  for (uint32_t i = 0; i < 20; ++i) d.push_front(i);
+  d.erase(d.begin(), d.end());
+  EXPECT_EQ(d.size(), 0u);
+  EXPECT_EQ(d.first_position(), 0u);
+  EXPECT_NE(d.map_size(), 0u);
+}
+
+TEST(Xdeque, IteratorsServeStandardAlgorithms) {
+  SmallDeque d;
+  for (uint32_t i = 0; i < 50; ++i) d.push_front(i * 3 % 50);
+  static_assert(std::is_same<std::iterator_traits<SmallDeque::iterator>::iterator_category,
+                             std::random_access_iterator_tag>::value,
+                "random access");
+  std::sort(d.begin(), d.end());
+  EXPECT_TRUE(std::is_sorted(d.cbegin(), d.cend()));
+  auto it = std::lower_bound(d.begin(), d.end(), 17u);
+  EXPECT_EQ(it - d.begin(), 17);
+  EXPECT_EQ(*(it + uint64_t{3}), 20u);
+  EXPECT_EQ(*(it - 2), 15u);
+  EXPECT_EQ(*(it + int8_t{-1}), 16u);
+  EXPECT_EQ(it[size_t{2}], 19u);
+  EXPECT_EQ(d.end() - d.begin(), 50);
+  EXPECT_LT(d.begin(), d.end());
+  SmallDeque::const_iterator c = it;
+  EXPECT_EQ(*c, 17u);
+}
+
+// Elements with their own resources: every construction is matched by one destruction.
+TEST(Xdeque, NonTrivialElementsAreConstructedAndDestroyed) {
+  {
+    std::xdeque<Tracked, kSmallBlock> d;
+    for (int i = 0; i < 30; ++i) {
+      d.push_back(Tracked(i));
+      d.push_front(Tracked(-i));
+    }
+    EXPECT_EQ(Tracked::live, 60);
+    d.pop_front();
+    d.pop_back();
+    d.erase(d.begin() + 3, d.begin() + 10);
+    EXPECT_EQ(Tracked::live, 51);
+    std::vector<Tracked> more;
+    for (int i = 0; i < 9; ++i) more.emplace_back(1000 + i);
+    d.insert(d.begin() + 40, more.data(), more.data() + more.size());
+    d.insert(d.begin() + 2, more.begin(), more.end());
+    EXPECT_EQ(Tracked::live, 51 + 9 + 18);
+    EXPECT_EQ(*d[40 + 9].value, 1000);
+    EXPECT_EQ(*d[2].value, 1000);
+    std::xdeque<Tracked, kSmallBlock> copy = d;
+    EXPECT_EQ(*copy[2].value, 1000);
+    copy.clear();
+  }
+  EXPECT_EQ(Tracked::live, 0);
+  std::xdeque<std::vector<int>, 1024> samples;
+  for (int i = 0; i < 3000; ++i) samples.push_back(std::vector<int>(4, i));
+  samples.erase(samples.begin(), samples.begin() + 1000);
+  EXPECT_EQ(samples[0][3], 1000);
+}
+
+// A record whose copy touches only its tag: the map limit of a huge element type is reached
+// with few elements and little resident memory.
+constexpr size_t kHugeRecordBytes = size_t{1} << 26;
+struct HugeRecord {
+  HugeRecord() {}
+  HugeRecord(const HugeRecord& o) : tag(o.tag) {}
+  uint32_t tag = 0;
+  unsigned char payload[kHugeRecordBytes - sizeof(uint32_t)];
+};
+
+TEST(Xdeque, MapLimitRaisesLengthErrorAndKeepsContents) {
+  using Huge = std::xdeque<HugeRecord, 1>;
+  static_assert(Huge::max_map_size() == 0xFFFFFFFFull / kHugeRecordBytes, "limit from size");
+  auto record = std::unique_ptr<HugeRecord>(new HugeRecord);
+  Huge d;
+  uint32_t pushed = 0;
+  try {
+    for (;; ++pushed) {
+      record->tag = pushed;
+      d.push_back(*record);
+    }
+  } catch (const std::length_error& e) {
+    EXPECT_STREQ(e.what(), "xdeque<T> too long");
+  }
+  EXPECT_EQ(d.map_size(), Huge::max_map_size());
+  ASSERT_EQ(d.size(), pushed);
+  // The ring grows one block before it closes, so a full map holds one block less.
+  EXPECT_EQ(pushed, Huge::max_map_size() - 1);
+  for (uint32_t i = 0; i < pushed; ++i) EXPECT_EQ(d[i].tag, i);
+  EXPECT_THROW(d.push_front(*record), std::length_error);
+  EXPECT_EQ(d.size(), pushed);
+
+  // The limits of the block sizes the library uses.
+  EXPECT_EQ((std::xdeque<uint8_t, 0x100000>::max_map_size()), 4095u);
+  EXPECT_EQ((std::xdeque<int64_t, 0x20000>::max_map_size()), 4095u);
+  EXPECT_EQ((std::xdeque<uint8_t, 0x4000>::max_map_size()), 262143u);
+  EXPECT_EQ((std::xdeque<uint32_t, 0x4000>::max_map_size()), 65535u);
+}
+
+}  // namespace
