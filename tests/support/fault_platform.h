@@ -1,0 +1,69 @@
+// A Platform for tests: forwards every call to the OS backend, counts the calls of the
+// operations that can fail for lack of room, and fails the Nth call of a chosen operation,
+// once or from then on. Installing it (construction) makes it the library's current platform;
+// destruction restores the OS backend.
+#ifndef ZU_TESTS_SUPPORT_FAULT_PLATFORM_H_
+#define ZU_TESTS_SUPPORT_FAULT_PLATFORM_H_
+
+#include <array>
+#include <cstdint>
+
+#include "src/platform/platform.h"
+
+namespace zu_test {
+
+enum class FaultOp { kCreateFile, kOpenFile, kCreateMapping, kMapView, kWriteAt, kCount };
+
+class FaultPlatform : public zu::platform::Platform {
+ public:
+  FaultPlatform();
+  ~FaultPlatform() override;
+  FaultPlatform(const FaultPlatform&) = delete;
+  FaultPlatform& operator=(const FaultPlatform&) = delete;
+
+  // Fails call number `nth` (1-based, counted from now) of `op`; with `forever` every later
+  // call fails too. Mapping creation and writes report "no space".
+  void Fail(FaultOp op, int nth, bool forever = false);
+  int Calls(FaultOp op) const { return calls_[Index(op)]; }
+
+  using FileHandle = zu::platform::FileHandle;
+  using MappingHandle = zu::platform::MappingHandle;
+  using IoStatus = zu::platform::IoStatus;
+
+  FileHandle CreateFile(const std::wstring& path) override;
+  FileHandle OpenFile(const std::wstring& path) override;
+  void CloseFile(FileHandle file) override;
+  bool DeleteFile(const std::wstring& path) override;
+  bool DeleteFileIfUnused(const std::wstring& path) override;
+  int64_t FileLength(FileHandle file) override;
+  IoStatus WriteAt(FileHandle file, uint64_t offset, const void* data, size_t length) override;
+  MappingHandle CreateMapping(FileHandle file, uint64_t bytes, IoStatus* status) override;
+  void CloseMapping(MappingHandle mapping) override;
+  void* MapView(MappingHandle mapping, uint64_t offset, size_t length, bool writable,
+                void* hint) override;
+  void UnmapView(void* view, size_t length) override;
+  void FlushView(void* address, size_t length) override;
+  size_t PageSize() override;
+  size_t AllocationGranularity() override;
+  void CreateDirectories(const std::wstring& path) override;
+  std::vector<std::wstring> ListFiles(const std::wstring& dir,
+                                      const std::wstring& extension) override;
+  std::wstring NewGuid() override;
+  wchar_t PathSeparator() override;
+  void RaiseOpenFileLimit() override;
+
+ private:
+  static constexpr size_t kOps = static_cast<size_t>(FaultOp::kCount);
+  static size_t Index(FaultOp op) { return static_cast<size_t>(op); }
+  // Counts the call and answers whether it must fail.
+  bool ShouldFail(FaultOp op);
+
+  zu::platform::Platform& native_;    // the OS backend every call is forwarded to
+  std::array<int, kOps> calls_{};     // calls per operation since construction
+  std::array<int, kOps> fail_at_{};   // 0 = never; else the call number that fails first
+  std::array<bool, kOps> forever_{};  // fail every call from fail_at_ on
+};
+
+}  // namespace zu_test
+
+#endif  // ZU_TESTS_SUPPORT_FAULT_PLATFORM_H_
