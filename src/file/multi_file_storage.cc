@@ -1,0 +1,227 @@
+#include "src/file/multi_file_storage.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "src/core/bisect.h"
+
+namespace zu {
+
+template <typename T>
+T* CZUMultiFileArrayImp<T>::AllOnes(T* dummy) {
+  std::memset(static_cast<void*>(dummy), 0xFF, sizeof(T));
+  return dummy;
+}
+
+template <typename T>
+T* CZUMultiFileArrayImp<T>::GetWritePtr(int64_t index) {
+  static T dummy;
+  const auto i = static_cast<uint64_t>(index);
+  if (i >= size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  return segments_[i / kSegmentCapacity]->GetWritePtr(static_cast<int64_t>(i % kSegmentCapacity));
+}
+
+template <typename T>
+const T* CZUMultiFileArrayImp<T>::GetReadPtr(int64_t index) {
+  static T dummy;
+  const auto i = static_cast<uint64_t>(index);
+  if (i >= size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  return segments_[i / kSegmentCapacity]->GetReadPtr(static_cast<int64_t>(i % kSegmentCapacity));
+}
+
+template <typename T>
+T* CZUMultiFileArrayImp<T>::GetBackWritePtr() {
+  static T dummy;
+  if (segments_.empty()) return AllOnes(&dummy);
+  return segments_.back()->GetBackWritePtr();
+}
+
+template <typename T>
+const T* CZUMultiFileArrayImp<T>::GetBackReadPtr() {
+  return GetBackWritePtr();
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::Clear() {
+  segments_.clear();
+  heads_.clear();
+}
+
+template <typename T>
+int64_t CZUMultiFileArrayImp<T>::GetSize() {
+  int64_t total = 0;
+  for (const auto& segment : segments_) total += segment->GetSize();
+  return total;
+}
+
+template <typename T>
+bool CZUMultiFileArrayImp<T>::AddSegment(const T& head) {
+  segments_.push_back(std::make_shared<Segment>());
+  heads_.push_back(head);
+  return !segments_.back()->dead();
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::PushBack(const T& value) {
+  if (segments_.empty() || static_cast<uint64_t>(segments_.back()->GetSize()) >= kSegmentCapacity) {
+    AddSegment(value);  // a dead segment ignores the value
+  }
+  segments_.back()->PushBack(value);
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
+  this->Clear();
+  this->Append(first, last);
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
+  ArrayIterBase* source = first.base();
+  ArrayIterBase* end = last.base();
+  while (source->GetPosition() != end->GetPosition()) {
+    if (segments_.empty() ||
+        static_cast<uint64_t>(segments_.back()->GetSize()) > kSegmentCapacity - 1) {
+      const void* current = source->GetCurrent();
+      if (current == nullptr) return;  // the source ended before its announced end
+      T head;
+      std::memcpy(static_cast<void*>(&head), current, sizeof(T));
+      if (!AddSegment(head)) throw ZuArrayNoSpaceException();
+    }
+    Segment& segment = *segments_.back();
+    if (segment.dead()) return;
+    const unsigned int before = source->GetPosition();
+    segment.Append(first, last);
+    if (source->GetPosition() == before) return;  // nothing taken: stop rather than spin
+  }
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) {
+  const uint64_t want = count > 0 ? static_cast<uint64_t>(count) : 0;
+  const uint64_t total = size();
+  count = 0;
+  if (offset < 0 || static_cast<uint64_t>(offset) > total) return;
+  auto position = static_cast<uint64_t>(offset);
+  uint64_t remaining = want;
+  while (remaining > 0 && position < total) {
+    const uint64_t s = position / kSegmentCapacity;
+    if (s >= segments_.size()) break;
+    const uint64_t within = position % kSegmentCapacity;
+    int64_t k =
+        static_cast<int64_t>(std::min({remaining, kSegmentCapacity - within, total - position}));
+    const int64_t asked = k;
+    segments_[s]->ReadData(dest, static_cast<int64_t>(within), k);
+    dest += k;
+    position += static_cast<uint64_t>(k);
+    remaining -= static_cast<uint64_t>(k);
+    if (k < asked) break;
+  }
+  count = static_cast<int64_t>(want - remaining);
+}
+
+template <typename T>
+void CZUMultiFileArrayImp<T>::SetElement(uint64_t index, const T& value) {
+  const uint64_t s = index / kSegmentCapacity;
+  if (index >= size() || s >= segments_.size()) return;
+  if (index % kSegmentCapacity == 0) heads_[s] = value;
+  segments_[s]->SetElement(index % kSegmentCapacity, value);
+}
+
+template <typename T>
+base::DictionaryValue* CZUMultiFileArrayImp<T>::SaveDescription() {
+  auto* description = new base::DictionaryValue();
+  auto* files = new base::ListValue();
+  for (const auto& segment : segments_) files->Append(segment->Describe());
+  description->Set("files", files);
+  return description;
+}
+
+template <typename T>
+bool CZUMultiFileArrayImp<T>::LoadDescription(const base::DictionaryValue& description) {
+  Clear();
+  base::ListValue* files = nullptr;
+  if (!description.GetList("files", &files) || files == nullptr) return false;
+  for (size_t i = 0; i < files->GetSize(); ++i) {
+    base::DictionaryValue* entry = nullptr;
+    if (!files->GetDictionary(i, &entry) || entry == nullptr) break;
+    auto segment = std::make_shared<Segment>();
+    if (!segment->Attach(*entry)) break;
+    heads_.push_back(*segment->GetReadPtr(0));
+    segments_.push_back(segment);
+    // Element positions assume full segments before the last: a partly filled one ends the
+    // storage.
+    if (static_cast<uint64_t>(segment->GetSize()) < kSegmentCapacity) break;
+  }
+  return true;
+}
+
+template <typename T>
+bool CZUMultiFileArrayImp<T>::SegmentBelow(const T& value, bool upper, size_t* segment) const {
+  auto head = [this](uint64_t i) -> const T& { return heads_[i]; };
+  const uint64_t h =
+      upper ? BisectUpper(heads_.size(), value, head) : BisectLower(heads_.size(), value, head);
+  if (h == 0 || h - 1 >= segments_.size()) return false;
+  *segment = static_cast<size_t>(h - 1);
+  return true;
+}
+
+template <typename T>
+uint64_t CZUMultiFileArrayImp<T>::LowerBound(const T& value) {
+  size_t s = 0;
+  if (!SegmentBelow(value, false, &s)) return 0;
+  return s * kSegmentCapacity + segments_[s]->SegmentLowerBound(value);
+}
+
+template <typename T>
+uint64_t CZUMultiFileArrayImp<T>::UpperBound(const T& value) {
+  size_t s = 0;
+  if (!SegmentBelow(value, true, &s)) return 0;
+  Segment& segment = *segments_[s];
+  const uint64_t r = segment.SegmentUpperBound(value);
+  // Past the end of a full segment the answer is the next segment's start; past the end of
+  // the last one it is the size.
+  return s * kSegmentCapacity + std::min<uint64_t>(r, static_cast<uint64_t>(segment.GetSize()));
+}
+
+template <typename T>
+uint64_t CZUMultiFileArrayImp<T>::LocateLowerBound(const T& value) {
+  size_t s = 0;
+  if (!SegmentBelow(value, false, &s)) return 0;
+  return s * kSegmentCapacity + segments_[s]->SegmentLocateLowerBound(value);
+}
+
+template <typename T>
+uint64_t CZUMultiFileArrayImp<T>::FindNearest(T* inout, uint64_t tolerance) {
+  size_t s = 0;
+  if (!SegmentBelow(*inout, false, &s)) return 0;
+  return s * kSegmentCapacity + segments_[s]->SegmentFindNearest(inout, tolerance);
+}
+
+template <typename T>
+uint64_t CZUMultiFileArrayImp<T>::FindFloor(const T& value) {
+  const uint64_t n = size();
+  if (n == 0 || segments_.empty()) return 0;
+  const uint64_t i = LocateLowerBound(value);
+  if (i > n) return segments_.back()->LastSamplePosition();
+  if (*GetReadPtr(static_cast<int64_t>(i)) == value) return i;
+  if (i == 0) return n;
+  const uint64_t s = i / kSegmentCapacity;
+  const uint64_t o = i % kSegmentCapacity;
+  if (o == 0) return s >= 1 ? segments_[s - 1]->LastSamplePosition() : 0;
+  const uint64_t interval = segments_[0]->sample_interval();
+  const uint64_t p = o % interval == 0 ? o - interval : o / interval * interval;
+  return s * kSegmentCapacity + p;
+}
+
+template <typename T>
+bool CZUMultiFileArrayImp<T>::HasDeadSegment() const {
+  return std::any_of(segments_.begin(), segments_.end(),
+                     [](const std::shared_ptr<Segment>& segment) { return segment->dead(); });
+}
+
+#define ZU_DEFINE_MULTI_FILE_STORAGE(T) template class CZUMultiFileArrayImp<T>;
+ZU_FOR_EACH_ELEMENT_TYPE(ZU_DEFINE_MULTI_FILE_STORAGE)
+#undef ZU_DEFINE_MULTI_FILE_STORAGE
+
+}  // namespace zu
