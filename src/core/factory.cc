@@ -3,6 +3,10 @@
 #include <limits>
 #include <memory>
 
+#include "src/memory/buffer_array.h"
+#include "src/memory/deque_array.h"
+#include "src/memory/record_array.h"
+#include "src/file/file_array.h"
 #include "src/memory/vector_array.h"
 #include "zu_data_manager/array_factory.h"
 
@@ -46,6 +50,25 @@ bool AttachArgumentsValid(int type, const unsigned char* buffer, int64_t length,
   return true;
 }
 
+// Attached kinds map the code by range, without a power-of-two test: 3 selects the 4-byte
+// type, 5 to 8 the 8-byte type, anything above 8 records of that many bytes.
+template <template <typename> class Kind, typename... Args>
+IZUArray* ByAttachedCode(uint32_t type, Args... args) {
+  if (type <= 1) return new Kind<uint8_t>(args...);
+  if (type == 2) return new Kind<uint16_t>(args...);
+  if (type <= 4) return new Kind<uint32_t>(args...);
+  return new Kind<int64_t>(args...);
+}
+
+// The bytes that the interleaved data spans: each element of `length` payload bytes is
+// followed by `gap` foreign bytes. AttachArgumentsValid has ruled out overflow.
+int64_t CrossSpan(int type, int64_t length, int gap) {
+  int64_t unit = type <= 1 ? 1 : type;
+  return length + (length / unit) * gap;
+}
+
+constexpr uint32_t kLargestIntegerCode = 8;
+
 }  // namespace
 }  // namespace zu
 
@@ -64,13 +87,18 @@ IZUArray* CArrayFactory::AllocVectorArray(int type) {
 IZUArray* CArrayFactory::AllocDequeArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return nullptr;  // the deque kinds are not built yet
+  if (code > zu::kLargestIntegerCode) {
+    // The one negative power of two (INT_MIN) cannot be a record size.
+    if (type < 0) return nullptr;
+    return zu::BuildOwning<zu::CZUDequeRecordArray>(type);
+  }
+  return ByIntegerCode<zu::CZUDequeArrayOf>(code);
 }
 
 IZUArray* CArrayFactory::AllocFileArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return nullptr;  // the file kind is not built yet
+  return ByIntegerCode<zu::CZUFileArray>(code);
 }
 
 IZUArray* CArrayFactory::AllocAutoVectorArray(int type) {
@@ -88,10 +116,19 @@ IZUArray* CArrayFactory::AllocAutoDequeArray(int type) {
 IZUArray* CArrayFactory::AllocAttachCrossBufferArray(int type, unsigned char* buffer,
                                                      int64_t length, int gap) {
   if (!zu::AttachArgumentsValid(type, buffer, length, gap)) return nullptr;
-  return nullptr;  // the attached kinds are not built yet
+  int64_t span = zu::CrossSpan(type, length, gap);
+  auto code = static_cast<uint32_t>(type);
+  if (code > zu::kLargestIntegerCode) {
+    return new zu::CZUCrossBufferArray<zu::RecordPtr>(type, gap, buffer, span);
+  }
+  return zu::ByAttachedCode<zu::CZUCrossBufferArray>(code, gap, buffer, span);
 }
 
 IZUArray* CArrayFactory::AllocAttachBufferArray(int type, unsigned char* buffer, int64_t length) {
   if (!zu::AttachArgumentsValid(type, buffer, length, 0)) return nullptr;
-  return nullptr;  // the attached kinds are not built yet
+  auto code = static_cast<uint32_t>(type);
+  if (code > zu::kLargestIntegerCode) {
+    return new zu::CZUBufferArray<zu::RecordPtr>(type, buffer, length);
+  }
+  return zu::ByAttachedCode<zu::CZUBufferArray>(code, buffer, length);
 }
