@@ -3,10 +3,10 @@
 #include <limits>
 #include <memory>
 
+#include "src/file/file_array.h"
 #include "src/memory/buffer_array.h"
 #include "src/memory/deque_array.h"
 #include "src/memory/record_array.h"
-#include "src/file/file_array.h"
 #include "src/memory/vector_array.h"
 #include "zu_data_manager/array_factory.h"
 

@@ -17,7 +17,7 @@ template <typename T>
 T* CZUMultiFileArrayImp<T>::GetWritePtr(int64_t index) {
   static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= this->size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
   return segments_[i / kSegmentCapacity]->GetWritePtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
@@ -25,7 +25,7 @@ template <typename T>
 const T* CZUMultiFileArrayImp<T>::GetReadPtr(int64_t index) {
   static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= this->size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
   return segments_[i / kSegmentCapacity]->GetReadPtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
@@ -99,7 +99,7 @@ void CZUMultiFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayI
 template <typename T>
 void CZUMultiFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) {
   const uint64_t want = count > 0 ? static_cast<uint64_t>(count) : 0;
-  const uint64_t total = size();
+  const uint64_t total = this->size();
   count = 0;
   if (offset < 0 || static_cast<uint64_t>(offset) > total) return;
   auto position = static_cast<uint64_t>(offset);
@@ -123,7 +123,7 @@ void CZUMultiFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) 
 template <typename T>
 void CZUMultiFileArrayImp<T>::SetElement(uint64_t index, const T& value) {
   const uint64_t s = index / kSegmentCapacity;
-  if (index >= size() || s >= segments_.size()) return;
+  if (index >= this->size() || s >= segments_.size()) return;
   if (index % kSegmentCapacity == 0) heads_[s] = value;
   segments_[s]->SetElement(index % kSegmentCapacity, value);
 }
@@ -200,7 +200,7 @@ uint64_t CZUMultiFileArrayImp<T>::FindNearest(T* inout, uint64_t tolerance) {
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::FindFloor(const T& value) {
-  const uint64_t n = size();
+  const uint64_t n = this->size();
   if (n == 0 || segments_.empty()) return 0;
   const uint64_t i = LocateLowerBound(value);
   if (i > n) return segments_.back()->LastSamplePosition();

@@ -77,11 +77,6 @@ class CZUMultiFileArrayImp : public IZUArrayImp<T> {
   Segment& segment(size_t s) { return *segments_[s]; }
   const std::vector<T>& segment_heads() const { return heads_; }
 
-  // Container-style names, so the container array base can hold this storage.
-  uint64_t size() { return static_cast<uint64_t>(GetSize()); }
-  void clear() { Clear(); }
-  void push_back(const T& value) { PushBack(value); }
-
  private:
   // Opens a new segment headed by `head`; false when its file could not be created.
   bool AddSegment(const T& head);

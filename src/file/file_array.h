@@ -1,0 +1,62 @@
+// CZUFileArray<T>: the array whose elements live only in mapped temporary files, through one
+// multi-file storage. What AllocFileArray hands out, for the four integer element types.
+//
+// Its searches are made for ascending data and use the storage's in-memory samples (segment
+// heads, chunk boundaries, one sample per page) to avoid reading files: LowerBound,
+// UpperBound and Find are exact and read at most one page or chunk of one file; FindNearest
+// accepts a sample within the tolerance; LocateLowerBound and FindFloor answer from the
+// samples alone with sampled positions, which callers refine themselves.
+//
+// SetAt writes the file only inside a segment's last chunk, while the samples always take
+// the new value: reads answered from a sample see it, reads of the file may not.
+//
+// Failure: a storage that cannot create or grow a file makes the adding operations answer
+// kZuNoSpace; reads beyond the size give the storage's all-ones element (GetAt answers null).
+// Ownership: the array owns its storage; the files are deleted with the array or by Clear.
+// Thread-safety: not thread-safe: one thread per array.
+#ifndef ZU_FILE_FILE_ARRAY_H_
+#define ZU_FILE_FILE_ARRAY_H_
+
+#include <cstdint>
+
+#include "src/core/element_list.h"
+#include "src/file/imp_array_base.h"
+#include "src/file/multi_file_storage.h"
+
+namespace zu {
+
+template <typename T>
+struct ContainerOps<CZUMultiFileArrayImp<T>> : StorageContainerOps<T> {};
+
+template <typename T>
+class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
+ public:
+  using Storage = CZUMultiFileArrayImp<T>;
+
+  void SetAt(uint64_t index, const void* value) override;
+  uint64_t Find(const void* value) override;
+  uint64_t UpperBound(const void* value) override;
+  uint64_t LowerBound(const void* value) override;
+  uint64_t FindNearest(void* inout, uint64_t tolerance) override;
+  uint64_t LocateLowerBound(const void* value) override;
+  uint64_t FindFloor(const void* value) override;
+  // A storage with a failed segment is replaced by a fresh one; otherwise it is emptied.
+  // Either way the files go.
+  void Clear() override;
+  // True when the description carried a "files" list (the files up to the first unusable
+  // entry are attached).
+  bool LoadDescription(const base::DictionaryValue* desc) override;
+  bool SaveDescription(base::DictionaryValue** out) override;
+  // Creates the empty storage; no file is made before the first element.
+  bool Init() override;
+};
+
+#define ZU_DECLARE_FILE_ARRAY(T)                                     \
+  extern template class CZUImpArrayBase<T, CZUMultiFileArrayImp<T>>; \
+  extern template class CZUFileArray<T>;
+ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_FILE_ARRAY)
+#undef ZU_DECLARE_FILE_ARRAY
+
+}  // namespace zu
+
+#endif  // ZU_FILE_FILE_ARRAY_H_
