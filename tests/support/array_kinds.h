@@ -38,10 +38,14 @@ struct Kind : Rules {
 
 template <typename T>
 using VectorKind = Kind<T, &CArrayFactory::AllocVectorArray, InMemoryRules>;
+template <typename T>
+using DequeKind = Kind<T, &CArrayFactory::AllocDequeArray, InMemoryRules>;
 
 // One line per kind and element type.
-using ContractKinds = ::testing::Types<
-    VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>, VectorKind<int64_t>>;
+using ContractKinds =
+    ::testing::Types<VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>,
+                     VectorKind<int64_t>, DequeKind<uint8_t>, DequeKind<uint16_t>,
+                     DequeKind<uint32_t>, DequeKind<int64_t>>;
 
 }  // namespace zu_test
 
