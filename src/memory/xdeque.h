@@ -128,7 +128,9 @@ class xdeque {
 
   template <typename... Args>
   T& emplace_back(Args&&... args) {
-    T* slot = BackSlot();
+    // Inside a block the slot's block exists: no growth test, no allocation test.
+    uint64_t q = uint64_t{first_} + size_;
+    T* slot = (q & kMask) != 0 ? Address(q) : BackSlot();
     ElemTraits::construct(alloc_, slot, std::forward<Args>(args)...);
     ++size_;  // only after the element exists: a throwing constructor changes nothing
     return *slot;
