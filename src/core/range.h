@@ -46,6 +46,19 @@ inline ContiguousRange FindContiguous(ArrayIterBase* first, ArrayIterBase* last,
   return range;
 }
 
+// When [first, last) is one contiguous block, hands it to insert(const T* begin, const T* end)
+// in one call and moves first to last's position, as the element-wise walk would; answers
+// whether it did.
+template <typename T, typename Insert>
+bool InsertContiguous(ArrayIterBase* first, ArrayIterBase* last, Insert&& insert) {
+  ContiguousRange bulk = FindContiguous(first, last, sizeof(T));
+  if (bulk.data == nullptr) return false;
+  const T* src = static_cast<const T*>(bulk.data);
+  insert(src, src + bulk.count);
+  first->Seek(last->GetPosition());
+  return true;
+}
+
 // Calls sink(const T&) for each element of [first, last), advancing first. Stops early when
 // first runs out of elements before reaching last's position (a malformed range), instead of
 // reading through a null address.

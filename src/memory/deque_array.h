@@ -44,13 +44,8 @@ struct ContainerOps<std::xdeque<T, N, A>> {
     int64_t n = RangeCount(first, last);
     if (n < 0) throw std::length_error("xdeque<T> too long");
     if (n == 0) return;
-    ContiguousRange bulk = FindContiguous(first, last, sizeof(T));
-    if (bulk.data != nullptr) {
-      const T* src = static_cast<const T*>(bulk.data);
-      c.insert(c.begin() + pos, src, src + bulk.count);
-      first->Seek(last->GetPosition());
-      return;
-    }
+    auto insert = [&c, pos](const T* from, const T* to) { c.insert(c.begin() + pos, from, to); };
+    if (InsertContiguous<T>(first, last, insert)) return;
     // The library's own iterator yields an element at every position below its count, so
     // the wrappers can walk it directly when last lies within reach.
     if (typeid(*first) == typeid(SimpleDataIter<unsigned char>) &&

@@ -36,13 +36,8 @@ struct ContainerOps<std::vector<T, A>> {
       throw std::length_error("vector<T> too long");
     }
     if (n == 0) return;
-    ContiguousRange bulk = FindContiguous(first, last, sizeof(T));
-    if (bulk.data != nullptr) {
-      const T* src = static_cast<const T*>(bulk.data);
-      c.insert(c.begin() + pos, src, src + bulk.count);
-      first->Seek(last->GetPosition());
-      return;
-    }
+    auto insert = [&c, pos](const T* from, const T* to) { c.insert(c.begin() + pos, from, to); };
+    if (InsertContiguous<T>(first, last, insert)) return;
     size_t wanted = c.size() + static_cast<size_t>(n);
     if (c.capacity() < wanted) c.reserve(std::max(wanted, c.capacity() * 2));
     if (pos == c.size()) {
@@ -76,8 +71,8 @@ class CZUVectorArray : public CZUArrayBase<T, std::vector<T>> {
   }
 };
 
-#define ZU_DECLARE_VECTOR_ARRAY(T)                           \
-  extern template class CZUArrayBase<T, std::vector<T>>;     \
+#define ZU_DECLARE_VECTOR_ARRAY(T)                       \
+  extern template class CZUArrayBase<T, std::vector<T>>; \
   extern template class CZUVectorArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_VECTOR_ARRAY)
 #undef ZU_DECLARE_VECTOR_ARRAY
