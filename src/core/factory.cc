@@ -3,6 +3,7 @@
 #include <limits>
 #include <memory>
 
+#include "src/auto/auto_array.h"
 #include "src/file/file_array.h"
 #include "src/memory/buffer_array.h"
 #include "src/memory/deque_array.h"
@@ -19,23 +20,44 @@ bool IsPowerOfTwo(uint32_t type) { return (type & (type - 1)) == 0; }
 
 // Builds an owning array: construct, then let it build its container. Init's answer is not
 // examined; if construction or Init throws, the object is freed and the exception passes.
-template <typename Array, typename... Args>
+// The self-spilling arrays build their storage in their constructors and skip the second Init
+// (kCallInit false), which would only replace one empty storage by another.
+template <typename Array, bool kCallInit = true, typename... Args>
 IZUArray* BuildOwning(Args&&... args) {
   std::unique_ptr<Array> array(new Array(std::forward<Args>(args)...));
-  array->Init();
+  if (kCallInit) array->Init();
   return array.release();
 }
 
 // Dispatches the four integer codes of an owning kind to Kind<T>.
-template <template <typename> class Kind>
+template <template <typename> class Kind, bool kCallInit = true>
 IZUArray* ByIntegerCode(uint32_t type) {
   switch (type) {
     case 0:
-    case 1: return BuildOwning<Kind<uint8_t>>();
-    case 2: return BuildOwning<Kind<uint16_t>>();
-    case 4: return BuildOwning<Kind<uint32_t>>();
-    case 8: return BuildOwning<Kind<int64_t>>();
+    case 1: return BuildOwning<Kind<uint8_t>, kCallInit>();
+    case 2: return BuildOwning<Kind<uint16_t>, kCallInit>();
+    case 4: return BuildOwning<Kind<uint32_t>, kCallInit>();
+    case 8: return BuildOwning<Kind<int64_t>, kCallInit>();
     default: return nullptr;
+  }
+}
+
+template <typename T>
+using AutoDeque = CZUAutoDequeArray<T>;
+template <typename T>
+using AutoVector = CZUAutoVectorArray<T>;
+
+// The self-spilling kinds: the integer codes and the record sizes 16 to 512.
+template <template <typename> class Kind>
+IZUArray* ByAutoCode(uint32_t type) {
+  switch (type) {
+    case 16: return BuildOwning<Kind<SimpleBigData<16>>, false>();
+    case 32: return BuildOwning<Kind<SimpleBigData<32>>, false>();
+    case 64: return BuildOwning<Kind<SimpleBigData<64>>, false>();
+    case 128: return BuildOwning<Kind<SimpleBigData<128>>, false>();
+    case 256: return BuildOwning<Kind<SimpleBigData<256>>, false>();
+    case 512: return BuildOwning<Kind<SimpleBigData<512>>, false>();
+    default: return ByIntegerCode<Kind, false>(type);
   }
 }
 
@@ -104,13 +126,13 @@ IZUArray* CArrayFactory::AllocFileArray(int type) {
 IZUArray* CArrayFactory::AllocAutoVectorArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return nullptr;  // the self-spilling kinds are not built yet
+  return zu::ByAutoCode<zu::AutoVector>(code);
 }
 
 IZUArray* CArrayFactory::AllocAutoDequeArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return nullptr;  // the self-spilling kinds are not built yet
+  return zu::ByAutoCode<zu::AutoDeque>(code);
 }
 
 IZUArray* CArrayFactory::AllocAttachCrossBufferArray(int type, unsigned char* buffer,

@@ -40,12 +40,25 @@ template <typename T>
 using VectorKind = Kind<T, &CArrayFactory::AllocVectorArray, InMemoryRules>;
 template <typename T>
 using DequeKind = Kind<T, &CArrayFactory::AllocDequeArray, InMemoryRules>;
+template <typename T>
+using FileKind = Kind<T, &CArrayFactory::AllocFileArray, FileRules>;
+// The self-spilling kinds stay in memory at the contract's sizes; their file phase has its own
+// tests.
+template <typename T>
+using AutoDequeKind = Kind<T, &CArrayFactory::AllocAutoDequeArray, InMemoryRules>;
+template <typename T>
+using AutoVectorKind = Kind<T, &CArrayFactory::AllocAutoVectorArray, InMemoryRules>;
 
 // One line per kind and element type.
 using ContractKinds =
     ::testing::Types<VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>,
                      VectorKind<int64_t>, DequeKind<uint8_t>, DequeKind<uint16_t>,
-                     DequeKind<uint32_t>, DequeKind<int64_t>>;
+                     DequeKind<uint32_t>, DequeKind<int64_t>, FileKind<uint8_t>, FileKind<uint16_t>,
+                     FileKind<uint32_t>, FileKind<int64_t>,
+                     AutoDequeKind<uint8_t>, AutoDequeKind<uint16_t>, AutoDequeKind<uint32_t>,
+                     AutoDequeKind<int64_t>, AutoDequeKind<SimpleBigData<16>>,
+                     AutoDequeKind<SimpleBigData<512>>, AutoVectorKind<uint16_t>,
+                     AutoVectorKind<int64_t>, AutoVectorKind<SimpleBigData<64>>>;
 
 }  // namespace zu_test
 

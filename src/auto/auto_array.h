@@ -1,0 +1,94 @@
+// The self-spilling arrays: CZUAutoDequeArray<T> keeps its elements in memory (a block deque)
+// while the array is small and moves them, once and for good, into mapped temporary files
+// when it reaches kSpillThreshold elements; CZUAutoVectorArray<T> does the same starting from
+// a contiguous vector. The caller sees one array throughout: indexes, sizes and searches keep
+// their meaning across the move, except that LocateLowerBound and FindFloor turn coarse
+// (sample-granular) in files, as on the file array.
+//
+// Failure: an add that throws (from the container, from the move, or from the file storage)
+// clears the whole array and answers kZuNoSpace or kZuFailed; a move refused before it starts
+// answers kZuNoSpace and keeps the array as it was. Assign never moves and never clears.
+// A description can only be loaded into an array that already lives in files; in memory
+// LoadDescription and SaveDescription answer true and do nothing.
+// Ownership: the array owns its storage; once in files, the files go with the array.
+// Thread-safety: not thread-safe: one thread per array.
+#ifndef ZU_AUTO_AUTO_ARRAY_H_
+#define ZU_AUTO_AUTO_ARRAY_H_
+
+#include <cstdint>
+#include <memory>
+
+#include "src/auto/array_imp.h"
+#include "src/auto/std_adapters.h"
+#include "src/core/element_list.h"
+#include "src/file/imp_array_base.h"
+#include "src/file/multi_file_storage.h"
+
+namespace zu {
+
+// Elements an array holds in memory before it moves into files.
+constexpr uint64_t kSpillThreshold = 8388608;
+// Elements moved per step of the migration.
+constexpr uint32_t kMigrateChunk = 8192;
+
+template <typename T, typename Alloc = std::allocator<T>>
+class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
+ public:
+  // Builds the in-memory storage with this class's own Init (not the virtual one).
+  CZUAutoDequeArray() { CZUAutoDequeArray::Init(); }
+  ~CZUAutoDequeArray() override = default;
+
+  int Append(const void* value) override;
+  void SetAt(uint64_t index, const void* value) override;
+  uint64_t Find(const void* value) override;
+  uint64_t UpperBound(const void* value) override;
+  uint64_t LowerBound(const void* value) override;
+  uint64_t FindNearest(void* inout, uint64_t tolerance) override;
+  uint64_t LocateLowerBound(const void* value) override;
+  uint64_t FindFloor(const void* value) override;
+  int AppendRange(ArrayIterBase* first, ArrayIterBase* last) override;
+  bool LoadDescription(const base::DictionaryValue* desc) override;
+  bool SaveDescription(base::DictionaryValue** out) override;
+  // A fresh, empty in-memory storage (a block deque).
+  bool Init() override;
+
+  bool spilled() const { return spilled_; }
+  // The storage in use: the in-memory adapter, or the multi-file storage once spilled.
+  IZUArrayImp<T>* storage() const { return this->container_.get(); }
+
+ protected:
+  // Moves the content into a new multi-file storage and keeps it there. Returns kZuOk, or
+  // kZuNoSpace when the new storage refuses writes before anything moved. Exceptions from the
+  // move pass to the caller with the array unchanged (the half-filled files are released).
+  int SpillToFiles();
+  // The storage once spilled_ is true.
+  CZUMultiFileArrayImp<T>& Files();
+  // Runs an add; any exception clears the array and becomes a result code.
+  template <typename Fn>
+  int GuardAndClear(Fn&& add);
+
+  bool spilled_ = false;  // true exactly when container_ holds a CZUMultiFileArrayImp<T>
+};
+
+template <typename T, typename Alloc = std::allocator<T>>
+class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc> {
+ public:
+  // The deque part first built its own storage; this one replaces it with a vector, so every
+  // auto vector array briefly owns (and at once drops) an empty deque storage.
+  CZUAutoVectorArray() { CZUAutoVectorArray::Init(); }
+  ~CZUAutoVectorArray() override = default;
+
+  // A fresh, empty in-memory storage (a vector).
+  bool Init() override;
+};
+
+#define ZU_DECLARE_AUTO_ARRAYS(T)                           \
+  extern template class CZUImpArrayBase<T, IZUArrayImp<T>>; \
+  extern template class CZUAutoDequeArray<T>;               \
+  extern template class CZUAutoVectorArray<T>;
+ZU_FOR_EACH_ELEMENT_TYPE(ZU_DECLARE_AUTO_ARRAYS)
+#undef ZU_DECLARE_AUTO_ARRAYS
+
+}  // namespace zu
+
+#endif  // ZU_AUTO_AUTO_ARRAY_H_
