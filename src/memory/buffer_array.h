@@ -117,7 +117,7 @@ class CZUBufferArray : public CZUArrayBase<T, std::vector<T>> {
 
  protected:
   CZUBufferArray(unsigned char* buffer, uint64_t length, size_t stride)
-      : view_(buffer, length, length / stride, stride) {}
+      : view_(buffer, length, stride == 0 ? 0 : length / stride, stride) {}
 
   // The caller's buffer need not be aligned for T.
   T Load(uint64_t index) const {

@@ -80,7 +80,12 @@ class xdeque {
   xdeque() = default;
   explicit xdeque(const A& alloc) : alloc_(alloc) {}
   xdeque(const xdeque& other) : alloc_(other.alloc_) {
-    for (const T& v : other) push_back(v);
+    try {
+      for (const T& v : other) push_back(v);
+    } catch (...) {
+      clear();  // no destructor runs for a constructor that throws
+      throw;
+    }
   }
   xdeque(xdeque&& other) noexcept { swap(other); }
   xdeque& operator=(xdeque other) noexcept {
