@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 #include "src/core/bisect.h"
+#include "src/core/range.h"
 
 namespace zu {
 
@@ -79,6 +81,8 @@ template <typename T>
 void CZUMultiFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
   ArrayIterBase* source = first.base();
   ArrayIterBase* end = last.base();
+  // An end before the start describes no range: refused like an impossible length.
+  if (RangeCount(source, end) < 0) throw std::length_error("range ends before it starts");
   while (source->GetPosition() != end->GetPosition()) {
     if (segments_.empty() ||
         static_cast<uint64_t>(segments_.back()->GetSize()) > kSegmentCapacity - 1) {

@@ -9,10 +9,10 @@
 // segment order, and re-attach the files of such a description.
 //
 // Failure: a segment whose file cannot be created makes a range append throw
-// ZuArrayNoSpaceException; growth failures of a segment pass through unchanged. Reads beyond
-// the end return a dummy element whose bytes are all ones.
-// Ownership: owns its segments, which delete their files when the storage lets them go.
-// Thread-safety: not thread-safe: one writer at a time (the segments lock their views).
+// ZuArrayNoSpaceException; a range whose end lies before its start, std::length_error; growth
+// failures of a segment pass through unchanged. Reads beyond the end return a dummy element whose
+// bytes are all ones. Ownership: owns its segments, which delete their files when the storage lets
+// them go. Thread-safety: not thread-safe: one writer at a time (the segments lock their views).
 #ifndef ZU_FILE_MULTI_FILE_STORAGE_H_
 #define ZU_FILE_MULTI_FILE_STORAGE_H_
 
