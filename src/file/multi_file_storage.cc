@@ -161,45 +161,42 @@ bool CZUMultiFileArrayImp<T>::LoadDescription(const base::DictionaryValue& descr
 }
 
 template <typename T>
-bool CZUMultiFileArrayImp<T>::SegmentBelow(const T& value, bool upper, size_t* segment) const {
+template <typename Search>
+uint64_t CZUMultiFileArrayImp<T>::InCandidateSegment(const T& value, bool upper, Search&& search) {
   auto head = [this](uint64_t i) -> const T& { return heads_[i]; };
   const uint64_t h =
       upper ? BisectUpper(heads_.size(), value, head) : BisectLower(heads_.size(), value, head);
-  if (h == 0 || h - 1 >= segments_.size()) return false;
-  *segment = static_cast<size_t>(h - 1);
-  return true;
+  if (h == 0 || h - 1 >= segments_.size()) return 0;
+  return (h - 1) * kSegmentCapacity + search(*segments_[h - 1]);
 }
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::LowerBound(const T& value) {
-  size_t s = 0;
-  if (!SegmentBelow(value, false, &s)) return 0;
-  return s * kSegmentCapacity + segments_[s]->SegmentLowerBound(value);
+  return InCandidateSegment(value, false,
+                            [&](Segment& segment) { return segment.SegmentLowerBound(value); });
 }
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::UpperBound(const T& value) {
-  size_t s = 0;
-  if (!SegmentBelow(value, true, &s)) return 0;
-  Segment& segment = *segments_[s];
-  const uint64_t r = segment.SegmentUpperBound(value);
   // Past the end of a full segment the answer is the next segment's start; past the end of
   // the last one it is the size.
-  return s * kSegmentCapacity + std::min<uint64_t>(r, static_cast<uint64_t>(segment.GetSize()));
+  return InCandidateSegment(value, true, [&](Segment& segment) {
+    return std::min<uint64_t>(segment.SegmentUpperBound(value),
+                              static_cast<uint64_t>(segment.GetSize()));
+  });
 }
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::LocateLowerBound(const T& value) {
-  size_t s = 0;
-  if (!SegmentBelow(value, false, &s)) return 0;
-  return s * kSegmentCapacity + segments_[s]->SegmentLocateLowerBound(value);
+  return InCandidateSegment(
+      value, false, [&](Segment& segment) { return segment.SegmentLocateLowerBound(value); });
 }
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::FindNearest(T* inout, uint64_t tolerance) {
-  size_t s = 0;
-  if (!SegmentBelow(*inout, false, &s)) return 0;
-  return s * kSegmentCapacity + segments_[s]->SegmentFindNearest(inout, tolerance);
+  const T value = *inout;
+  return InCandidateSegment(
+      value, false, [&](Segment& segment) { return segment.SegmentFindNearest(inout, tolerance); });
 }
 
 template <typename T>

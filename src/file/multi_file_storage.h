@@ -80,9 +80,11 @@ class CZUMultiFileArrayImp : public IZUArrayImp<T> {
  private:
   // Opens a new segment headed by `head`; false when its file could not be created.
   bool AddSegment(const T& head);
-  // The segment whose range may hold value: the one before the first head not below it
-  // (not above it with `upper`). False when the answer is 0 without looking further.
-  bool SegmentBelow(const T& value, bool upper, size_t* segment) const;
+  // Runs `search` (Segment& -> segment-relative position) on the segment whose range may
+  // hold value: the one before the first head not below it (not above it with `upper`). The
+  // answer is turned into an array position; 0 when value is at or below the first head.
+  template <typename Search>
+  uint64_t InCandidateSegment(const T& value, bool upper, Search&& search);
   // A dummy element whose bytes are all ones.
   static T* AllOnes(T* dummy);
 
