@@ -96,14 +96,5 @@ TEST(PosixPlatform, DeleteIfUnusedSparesOpenFiles) {
   EXPECT_FALSE(std::filesystem::exists(dir.path() / "live.KMB"));
 }
 
-TEST(PosixPlatform, CreateDirectoriesMakesParents) {
-  TempDataDir dir;
-  auto deep = dir.path() / "a" / "b" / "c";
-  Native().CreateDirectories(deep.wstring());
-  EXPECT_TRUE(std::filesystem::is_directory(deep));
-  Native().CreateDirectories(deep.wstring());  // existing: no harm
-  EXPECT_TRUE(std::filesystem::is_directory(deep));
-}
-
 }  // namespace
 }  // namespace zu_test
