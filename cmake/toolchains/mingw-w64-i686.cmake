@@ -1,16 +1,3 @@
 # Cross build of the Windows DLL with Debian's mingw-w64 compilers (i686).
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR i686)
-set(ZU_MINGW_TRIPLE i686-w64-mingw32)
-# The posix thread model carries a complete <mutex>; everything is linked statically so the
-# DLL and the test programs need no compiler runtime DLLs beside them.
-set(CMAKE_C_COMPILER ${ZU_MINGW_TRIPLE}-gcc-posix)
-set(CMAKE_CXX_COMPILER ${ZU_MINGW_TRIPLE}-g++-posix)
-set(CMAKE_RC_COMPILER ${ZU_MINGW_TRIPLE}-windres)
-set(CMAKE_FIND_ROOT_PATH /usr/${ZU_MINGW_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+set(ZU_MINGW_ARCH i686)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-common.cmake)

@@ -1,0 +1,16 @@
+# Shared part of the mingw-w64 cross builds; the including file sets ZU_MINGW_ARCH.
+set(CMAKE_SYSTEM_NAME Windows)
+set(CMAKE_SYSTEM_PROCESSOR ${ZU_MINGW_ARCH})
+set(ZU_MINGW_TRIPLE ${ZU_MINGW_ARCH}-w64-mingw32)
+# The posix thread model carries a complete <mutex>; everything is linked statically so the
+# DLL and the test programs need no compiler runtime DLLs beside them.
+set(CMAKE_C_COMPILER ${ZU_MINGW_TRIPLE}-gcc-posix)
+set(CMAKE_CXX_COMPILER ${ZU_MINGW_TRIPLE}-g++-posix)
+set(CMAKE_RC_COMPILER ${ZU_MINGW_TRIPLE}-windres)
+set(CMAKE_FIND_ROOT_PATH /usr/${ZU_MINGW_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
