@@ -1,0 +1,1015 @@
+// zu-bench: this library's arrays next to what a host would pick instead, in one process, on
+// the same data, with the physical limits of the machine measured in the same run.
+//
+// Peers: std::vector and std::deque for the in-memory kinds; stxxl::vector (1 MiB blocks, a
+// cache of two blocks: the two 1 MiB views of a file segment) and a Boost.Interprocess vector
+// in a managed_mapped_file (reserved up front) for the file kinds; memcpy and pwrite bandwidth
+// as the limits. Each scenario runs at three sizes: in cache, comfortably in memory, and well
+// past the spill threshold of the self-spilling arrays.
+//
+// Usage: zu-bench [--out DIR] [--rss-gib N] [--quick]
+//   --out DIR     where results.md, results.json and results.tsv go (default docs/bench)
+//   --rss-gib N   GiB appended for the resident-memory scenario (default 8)
+//   --quick       smaller sizes, for a smoke run
+// ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory); the
+// data directory is created fresh and removed, with every file in it, at the end.
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "src/auto/auto_array.h"
+#include "zu_data_manager/zu_data_manager.h"
+
+#ifdef ZU_BENCH_HAVE_STXXL
+#include <stxxl/io>
+#include <stxxl/vector>
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+#include <boost/interprocess/allocators/allocator.hpp>
+#include <boost/interprocess/containers/vector.hpp>
+#include <boost/interprocess/managed_mapped_file.hpp>
+#endif
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr uint64_t kChunkElements = (uint64_t{1} << 20) / sizeof(int64_t);  // one 1 MiB view
+constexpr size_t kWriteBlock = size_t{8} << 20;                             // pwrite piece
+
+double Seconds(Clock::time_point a, Clock::time_point b) {
+  return std::chrono::duration<double>(b - a).count();
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return NAN;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
+}
+
+// ---------------------------------------------------------------------------------------------
+// Process counters.
+
+long StatusKiB(const char* key) {
+  std::ifstream status("/proc/self/status");
+  const size_t len = std::strlen(key);
+  for (std::string line; std::getline(status, line);) {
+    if (line.compare(0, len, key) == 0) return std::strtol(line.c_str() + len, nullptr, 10);
+  }
+  return -1;
+}
+
+// Bytes this process caused to be read from the block device (/proc/self/io read_bytes).
+int64_t ReadBytes() {
+  std::ifstream io("/proc/self/io");
+  for (std::string line; std::getline(io, line);) {
+    if (line.rfind("read_bytes:", 0) == 0) return std::strtoll(line.c_str() + 11, nullptr, 10);
+  }
+  return -1;
+}
+
+int64_t MajorFaults() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_majflt;
+}
+
+std::string ReadFirstLine(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::getline(in, line);
+  return line;
+}
+
+std::string LoadAverage() {
+  std::istringstream in(ReadFirstLine("/proc/loadavg"));
+  std::string a, b, c;
+  in >> a >> b >> c;
+  return a + " " + b + " " + c;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The data directory: fresh, removed with everything in it.
+
+class DataDir {
+ public:
+  DataDir() {
+    const char* chosen = std::getenv("ZU_BENCH_DIR");
+    fs::path parent = chosen != nullptr ? fs::path(chosen) : fs::temp_directory_path();
+    fs::create_directories(parent);
+    std::string pattern = (parent / "zu-bench-XXXXXX").string();
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    if (::mkdtemp(buffer.data()) == nullptr) {
+      std::perror("mkdtemp");
+      std::exit(1);
+    }
+    path_ = buffer.data();
+    IZUArray::SetDataDirectory(path_.wstring());
+  }
+  ~DataDir() {
+    IZUArray::SetDataDirectory(L"");
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  const fs::path& path() const { return path_; }
+
+  // Writes back and drops the page cache of every file in the directory. Pages a process
+  // still maps stay.
+  void DropCache() const {
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(path_, ec)) {
+      if (!entry.is_regular_file()) continue;
+      int fd = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd < 0) continue;
+      ::fdatasync(fd);
+      ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+      ::close(fd);
+    }
+  }
+
+ private:
+  fs::path path_;
+};
+
+const DataDir* g_dir = nullptr;
+
+// ---------------------------------------------------------------------------------------------
+// Results.
+
+struct Row {
+  std::string scenario;  // e.g. "append one-by-one"
+  std::string kind;      // the array kind of this library measured: vector, deque, file, auto
+  uint64_t elements = 0;
+  std::string unit;  // of every value in the row
+  double zu = NAN;
+  double std_vector = NAN, std_deque = NAN, stxxl = NAN, boost = NAN;
+  std::string limit_name;
+  double limit = NAN;
+  std::vector<std::pair<std::string, double>> ratios;  // zu / peer, > 1 means this library wins
+  std::string note;
+};
+
+std::vector<Row> g_rows;
+
+Row MakeRow(const std::string& scenario, const std::string& kind, uint64_t elements,
+            const std::string& unit) {
+  Row r;
+  r.scenario = scenario;
+  r.kind = kind;
+  r.elements = elements;
+  r.unit = unit;
+  return r;
+}
+
+std::string Format(double v) {
+  if (std::isnan(v)) return "-";
+  char buffer[32];
+  if (std::fabs(v) >= 100)
+    std::snprintf(buffer, sizeof buffer, "%.0f", v);
+  else if (std::fabs(v) >= 10)
+    std::snprintf(buffer, sizeof buffer, "%.1f", v);
+  else
+    std::snprintf(buffer, sizeof buffer, "%.3g", v);
+  return buffer;
+}
+
+std::string RatioText(const Row& r) {
+  std::string text;
+  for (const auto& [peer, value] : r.ratios) {
+    if (!text.empty()) text += ", ";
+    text += Format(value) + "x " + peer;
+  }
+  return text.empty() ? "-" : text;
+}
+
+void AddRatio(Row& r, const std::string& peer, double peer_value, bool lower_is_better = false) {
+  if (std::isnan(peer_value) || std::isnan(r.zu) || peer_value <= 0 || r.zu <= 0) return;
+  r.ratios.emplace_back(peer, lower_is_better ? peer_value / r.zu : r.zu / peer_value);
+}
+
+void PrintRow(const Row& r) {
+  std::printf("%-22s %-6s %11llu %-10s %9s %9s %9s %9s %9s %9s %-7s  %s%s%s\n", r.scenario.c_str(),
+              r.kind.c_str(), static_cast<unsigned long long>(r.elements), r.unit.c_str(),
+              Format(r.zu).c_str(), Format(r.std_vector).c_str(), Format(r.std_deque).c_str(),
+              Format(r.stxxl).c_str(), Format(r.boost).c_str(), Format(r.limit).c_str(),
+              r.limit_name.c_str(), RatioText(r).c_str(), r.note.empty() ? "" : "  ; ",
+              r.note.c_str());
+  std::fflush(stdout);
+}
+
+void Add(Row r) {
+  PrintRow(r);
+  g_rows.push_back(std::move(r));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Data and peers.
+
+std::vector<int64_t> SortedSource(uint64_t n) {
+  std::vector<int64_t> v(n);
+  for (uint64_t i = 0; i < n; ++i) v[i] = static_cast<int64_t>(2 * i);
+  return v;
+}
+
+IZUArray* NewArray(const std::string& kind) {
+  CArrayFactory factory;
+  if (kind == "vector") return factory.AllocVectorArray(8);
+  if (kind == "deque") return factory.AllocDequeArray(8);
+  if (kind == "auto") return factory.AllocAutoDequeArray(8);
+  return factory.AllocFileArray(8);
+}
+
+#ifdef ZU_BENCH_HAVE_STXXL
+// Blocks of 1 MiB, pages of one block, a cache of two pages.
+using StxxlVector = stxxl::VECTOR_GENERATOR<int64_t, 1, 2, (1 << 20)>::result;
+
+void ConfigureStxxl(const fs::path& dir, uint64_t gib) {
+  // A configuration file in the data directory: the library reads it (STXXLCFG) when the first
+  // container is made, whichever copy of its singletons that container reaches.
+  const fs::path config = dir / "stxxl.cfg";
+  std::ofstream(config) << "disk=" << (dir / "stxxl.tmp").string() << "," << gib
+                        << "GiB,syscall unlink nodirect\n";
+  ::setenv("STXXLCFG", config.c_str(), 1);
+  ::setenv("STXXLLOGFILE", (dir / "stxxl.log").c_str(), 1);
+  ::setenv("STXXLERRLOGFILE", (dir / "stxxl.errlog").c_str(), 1);
+}
+#endif
+
+#ifdef ZU_BENCH_HAVE_BOOST
+namespace bip = boost::interprocess;
+using BoostAllocator = bip::allocator<int64_t, bip::managed_mapped_file::segment_manager>;
+using BoostVector = bip::vector<int64_t, BoostAllocator>;
+
+// A managed_mapped_file in the data directory holding one vector reserved for n elements.
+class BoostPeer {
+ public:
+  explicit BoostPeer(uint64_t n) {
+    static int serial = 0;
+    path_ = (g_dir->path() / ("boost-" + std::to_string(serial++) + ".bin")).string();
+    file_ = std::make_unique<bip::managed_mapped_file>(bip::create_only, path_.c_str(),
+                                                       n * sizeof(int64_t) + (size_t{4} << 20));
+    vector_ = file_->construct<BoostVector>("v")(file_->get_segment_manager());
+    vector_->reserve(n);
+  }
+  ~BoostPeer() {
+    file_.reset();
+    bip::file_mapping::remove(path_.c_str());
+  }
+  BoostVector& v() { return *vector_; }
+
+ private:
+  std::string path_;
+  std::unique_ptr<bip::managed_mapped_file> file_;
+  BoostVector* vector_ = nullptr;
+};
+#endif
+
+// Runs `batch` (which does `per_batch` operations) until `budget` seconds have passed;
+// returns operations per second.
+double RatePerSecond(uint64_t per_batch, double budget, const std::function<void()>& batch) {
+  uint64_t done = 0;
+  auto start = Clock::now();
+  double elapsed = 0;
+  do {
+    batch();
+    done += per_batch;
+    elapsed = Seconds(start, Clock::now());
+  } while (elapsed < budget);
+  return static_cast<double>(done) / elapsed;
+}
+
+volatile int64_t g_sink = 0;
+
+// Millions of elements per second for `n` elements taking the median of `times`.
+double Rate(uint64_t n, const std::vector<double>& times) {
+  return static_cast<double>(n) / Median(times) / 1e6;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Limits.
+
+double MemcpyRate(const std::vector<int64_t>& src, int reps) {
+  std::vector<int64_t> dest(src.size(), 1);  // touched: no first-touch faults while timing
+  std::vector<double> times;
+  for (int r = 0; r < reps; ++r) {
+    auto a = Clock::now();
+    std::memcpy(dest.data(), src.data(), src.size() * sizeof(int64_t));
+    auto b = Clock::now();
+    times.push_back(Seconds(a, b));
+    g_sink = g_sink + dest[src.size() / 2];
+  }
+  return Rate(src.size(), times);
+}
+
+double PwriteSeconds(const std::vector<int64_t>& src) {
+  const std::string path = (g_dir->path() / "pwrite.bin").string();
+  const auto* bytes = reinterpret_cast<const char*>(src.data());
+  const uint64_t total = src.size() * sizeof(int64_t);
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return NAN;
+  auto a = Clock::now();
+  for (uint64_t offset = 0; offset < total;) {
+    size_t piece = static_cast<size_t>(std::min<uint64_t>(kWriteBlock, total - offset));
+    ssize_t n = ::pwrite(fd, bytes + offset, piece, static_cast<off_t>(offset));
+    if (n <= 0) break;
+    offset += static_cast<uint64_t>(n);
+  }
+  auto b = Clock::now();
+  ::close(fd);
+  ::unlink(path.c_str());
+  return Seconds(a, b);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scenarios.
+
+void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int reps) {
+  const uint64_t n = src.size();
+  Row r = MakeRow("append one-by-one", kind, n, "M elem/s");
+  std::vector<double> zu, vec, deq, stx, bst;
+  for (int rep = 0; rep < reps; ++rep) {
+    {
+      std::unique_ptr<IZUArray> a(NewArray(kind));
+      auto t0 = Clock::now();
+      for (uint64_t i = 0; i < n; ++i) a->Append(&src[i]);
+      zu.push_back(Seconds(t0, Clock::now()));
+      if (a->GetSize() != n) r.note = "size mismatch";
+    }
+    if (kind == "vector") {
+      auto t0 = Clock::now();
+      std::vector<int64_t> v;
+      for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
+      g_sink = g_sink + v.back();
+      vec.push_back(Seconds(t0, Clock::now()));
+    }
+    if (kind == "deque" || kind == "auto") {
+      auto t0 = Clock::now();
+      std::deque<int64_t> d;
+      for (uint64_t i = 0; i < n; ++i) d.push_back(src[i]);
+      g_sink = g_sink + d.back();
+      deq.push_back(Seconds(t0, Clock::now()));
+    }
+    if (kind == "file" || kind == "auto") {
+#ifdef ZU_BENCH_HAVE_STXXL
+      {
+        StxxlVector v;
+        auto t0 = Clock::now();
+        for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
+        stx.push_back(Seconds(t0, Clock::now()));
+      }
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+      if (kind == "file") {
+        BoostPeer peer(n);
+        auto t0 = Clock::now();
+        for (uint64_t i = 0; i < n; ++i) peer.v().push_back(src[i]);
+        bst.push_back(Seconds(t0, Clock::now()));
+      }
+#endif
+    }
+  }
+  r.zu = Rate(n, zu);
+  r.std_vector = Rate(n, vec);
+  r.std_deque = Rate(n, deq);
+  r.stxxl = Rate(n, stx);
+  r.boost = Rate(n, bst);
+  if (kind == "vector") AddRatio(r, "std::vector", r.std_vector);
+  if (kind == "deque" || kind == "auto") AddRatio(r, "std::deque", r.std_deque);
+  if (kind == "file" || kind == "auto") AddRatio(r, "stxxl", r.stxxl);
+  if (kind == "file") AddRatio(r, "boost", r.boost);
+  if (kind == "auto" && n > zu::kSpillThreshold) r.note = "includes the move into files";
+  Add(r);
+}
+
+// The containers the read scenarios use, filled by the bulk-append scenario.
+struct Filled {
+  std::unique_ptr<IZUArray> file;
+  std::vector<int64_t> vector;
+#ifdef ZU_BENCH_HAVE_STXXL
+  std::unique_ptr<StxxlVector> stxxl;
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+  std::unique_ptr<BoostPeer> boost;
+#endif
+};
+
+void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, Filled* keep) {
+  const uint64_t n = src.size();
+  const int64_t* data = src.data();
+  {  // the in-memory vector next to std::vector::insert
+    Row r = MakeRow("bulk AppendBuffer", "vector", n, "M elem/s");
+    std::vector<double> zu, vec;
+    for (int rep = 0; rep < reps; ++rep) {
+      std::unique_ptr<IZUArray> a(NewArray("vector"));
+      auto t0 = Clock::now();
+      a->AppendBuffer(data, n);
+      zu.push_back(Seconds(t0, Clock::now()));
+      auto t1 = Clock::now();
+      std::vector<int64_t> v;
+      v.insert(v.end(), src.begin(), src.end());
+      vec.push_back(Seconds(t1, Clock::now()));
+      g_sink = g_sink + v.back();
+    }
+    r.zu = Rate(n, zu);
+    r.std_vector = Rate(n, vec);
+    r.limit_name = "memcpy";
+    r.limit = memcpy_rate;
+    AddRatio(r, "std::vector", r.std_vector);
+    AddRatio(r, "memcpy", r.limit);
+    Add(r);
+  }
+  Row r = MakeRow("bulk AppendBuffer", "file", n, "M elem/s");
+  std::vector<double> zu, stx, bst, pw;
+  for (int rep = 0; rep < reps; ++rep) {
+    const bool last = rep + 1 == reps;
+    // Alternate the order so that write-back of earlier rounds falls on everyone alike.
+    std::vector<std::function<void()>> runs;
+    runs.push_back([&] {
+      std::unique_ptr<IZUArray> a(NewArray("file"));
+      auto t0 = Clock::now();
+      int rc = a->AppendBuffer(data, n);
+      zu.push_back(Seconds(t0, Clock::now()));
+      if (rc != kZuOk || a->GetSize() != n) r.note = "append failed";
+      if (last) keep->file = std::move(a);
+    });
+    runs.push_back([&] { pw.push_back(PwriteSeconds(src)); });
+#ifdef ZU_BENCH_HAVE_STXXL
+    runs.push_back([&] {
+      auto v = std::make_unique<StxxlVector>();
+      auto t0 = Clock::now();
+      v->resize(n);
+      {
+        StxxlVector::bufwriter_type writer(*v);
+        for (uint64_t i = 0; i < n; ++i) writer << data[i];
+        writer.finish();
+      }
+      stx.push_back(Seconds(t0, Clock::now()));
+      if (last) keep->stxxl = std::move(v);
+    });
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+    runs.push_back([&] {
+      auto peer = std::make_unique<BoostPeer>(n);
+      auto t0 = Clock::now();
+      peer->v().insert(peer->v().end(), data, data + n);
+      bst.push_back(Seconds(t0, Clock::now()));
+      if (last) keep->boost = std::move(peer);
+    });
+#endif
+    if (rep % 2 == 1) std::reverse(runs.begin(), runs.end());
+    for (auto& run : runs) run();
+  }
+  r.zu = Rate(n, zu);
+  r.stxxl = Rate(n, stx);
+  r.boost = Rate(n, bst);
+  r.limit_name = "pwrite";
+  r.limit = Rate(n, pw);
+  AddRatio(r, "pwrite", r.limit);
+  AddRatio(r, "stxxl", r.stxxl);
+  AddRatio(r, "boost", r.boost);
+  Add(r);
+  keep->vector = src;
+}
+
+void ReadSequential(Filled& f, int reps, double memcpy_rate) {
+  const uint64_t n = f.vector.size();
+  Row r = MakeRow("sequential read", "file", n, "M elem/s");
+  std::vector<int64_t> dest(kChunkElements, 1);
+  std::vector<double> zu, vec, stx, bst;
+  for (int rep = 0; rep < reps; ++rep) {
+    auto t0 = Clock::now();
+    int64_t sum = 0;
+    for (uint64_t i = 0; i < n; i += kChunkElements) {
+      auto k = static_cast<unsigned int>(std::min<uint64_t>(kChunkElements, n - i));
+      f.file->CopyOut(dest.data(), static_cast<int>(i), k);
+      sum += dest[k - 1];
+    }
+    zu.push_back(Seconds(t0, Clock::now()));
+    g_sink = g_sink + sum;
+
+    t0 = Clock::now();
+    for (uint64_t i = 0; i < n; i += kChunkElements) {
+      uint64_t k = std::min<uint64_t>(kChunkElements, n - i);
+      std::memcpy(dest.data(), f.vector.data() + i, k * sizeof(int64_t));
+      g_sink = g_sink + dest[k - 1];
+    }
+    vec.push_back(Seconds(t0, Clock::now()));
+#ifdef ZU_BENCH_HAVE_STXXL
+    {
+      const StxxlVector& cv = *f.stxxl;
+      t0 = Clock::now();
+      StxxlVector::bufreader_type reader(cv);
+      uint64_t i = 0;
+      for (; !reader.empty(); ++reader) {
+        dest[i++] = *reader;
+        if (i == kChunkElements) i = 0;
+      }
+      stx.push_back(Seconds(t0, Clock::now()));
+      g_sink = g_sink + dest[0];
+    }
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+    {
+      const int64_t* base = f.boost->v().data();
+      t0 = Clock::now();
+      for (uint64_t i = 0; i < n; i += kChunkElements) {
+        uint64_t k = std::min<uint64_t>(kChunkElements, n - i);
+        std::memcpy(dest.data(), base + i, k * sizeof(int64_t));
+        g_sink = g_sink + dest[k - 1];
+      }
+      bst.push_back(Seconds(t0, Clock::now()));
+    }
+#endif
+  }
+  r.zu = Rate(n, zu);
+  r.std_vector = Rate(n, vec);
+  r.stxxl = Rate(n, stx);
+  r.boost = Rate(n, bst);
+  r.limit_name = "memcpy";
+  r.limit = memcpy_rate;
+  AddRatio(r, "stxxl", r.stxxl);
+  AddRatio(r, "boost", r.boost);
+  AddRatio(r, "std::vector", r.std_vector);
+  Add(r);
+}
+
+void RandomGetAt(Filled& f, double budget) {
+  const uint64_t n = f.vector.size();
+  Row r = MakeRow("random GetAt", "file", n, "M ops/s");
+  constexpr uint64_t kBatch = 4096;
+  std::mt19937_64 random(7);
+  std::vector<uint64_t> idx(kBatch);
+  for (auto& i : idx) i = random() % n;
+  r.zu = RatePerSecond(kBatch, budget,
+                       [&] {
+                         int64_t out = 0, sum = 0;
+                         for (uint64_t i : idx) {
+                           f.file->GetAt(i, &out);
+                           sum += out;
+                         }
+                         g_sink = g_sink + sum;
+                       }) /
+         1e6;
+  r.std_vector = RatePerSecond(kBatch, budget,
+                               [&] {
+                                 int64_t sum = 0;
+                                 for (uint64_t i : idx) sum += f.vector[i];
+                                 g_sink = g_sink + sum;
+                               }) /
+                 1e6;
+#ifdef ZU_BENCH_HAVE_STXXL
+  {
+    const StxxlVector& cv = *f.stxxl;
+    constexpr uint64_t kSmall = 64;  // a miss reads a whole 1 MiB block
+    uint64_t at = 0;
+    r.stxxl = RatePerSecond(kSmall, budget,
+                            [&] {
+                              int64_t sum = 0;
+                              for (uint64_t k = 0; k < kSmall; ++k) sum += cv[idx[(at++) % kBatch]];
+                              g_sink = g_sink + sum;
+                            }) /
+              1e6;
+  }
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+  r.boost = RatePerSecond(kBatch, budget,
+                          [&] {
+                            const BoostVector& v = f.boost->v();
+                            int64_t sum = 0;
+                            for (uint64_t i : idx) sum += v[i];
+                            g_sink = g_sink + sum;
+                          }) /
+            1e6;
+#endif
+  AddRatio(r, "stxxl", r.stxxl);
+  AddRatio(r, "boost", r.boost);
+  AddRatio(r, "std::vector", r.std_vector);
+  Add(r);
+}
+
+void LowerBoundWarm(Filled& f, double budget) {
+  const uint64_t n = f.vector.size();
+  Row r = MakeRow("LowerBound warm", "file", n, "M ops/s");
+  constexpr uint64_t kBatch = 4096;
+  std::mt19937_64 random(11);
+  std::vector<int64_t> keys(kBatch);
+  for (auto& k : keys) k = static_cast<int64_t>(random() % (2 * n));
+  bool wrong = false;
+  r.zu = RatePerSecond(kBatch, budget,
+                       [&] {
+                         uint64_t sum = 0;
+                         for (int64_t k : keys) sum += f.file->LowerBound(&k);
+                         g_sink = g_sink + static_cast<int64_t>(sum);
+                       }) /
+         1e6;
+  for (int64_t k : keys) {
+    if (f.file->LowerBound(&k) != static_cast<uint64_t>((k + 1) / 2)) wrong = true;
+  }
+  if (wrong) r.note = "wrong answers";
+  r.std_vector = RatePerSecond(kBatch, budget,
+                               [&] {
+                                 uint64_t sum = 0;
+                                 for (int64_t k : keys)
+                                   sum += std::lower_bound(f.vector.begin(), f.vector.end(), k) -
+                                          f.vector.begin();
+                                 g_sink = g_sink + static_cast<int64_t>(sum);
+                               }) /
+                 1e6;
+#ifdef ZU_BENCH_HAVE_STXXL
+  {
+    const StxxlVector& cv = *f.stxxl;
+    constexpr uint64_t kSmall = 16;
+    uint64_t at = 0;
+    r.stxxl = RatePerSecond(kSmall, budget,
+                            [&] {
+                              uint64_t sum = 0;
+                              for (uint64_t k = 0; k < kSmall; ++k)
+                                sum +=
+                                    std::lower_bound(cv.begin(), cv.end(), keys[(at++) % kBatch]) -
+                                    cv.begin();
+                              g_sink = g_sink + static_cast<int64_t>(sum);
+                            }) /
+              1e6;
+  }
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+  r.boost = RatePerSecond(kBatch, budget,
+                          [&] {
+                            const BoostVector& v = f.boost->v();
+                            uint64_t sum = 0;
+                            for (int64_t k : keys)
+                              sum += std::lower_bound(v.begin(), v.end(), k) - v.begin();
+                            g_sink = g_sink + static_cast<int64_t>(sum);
+                          }) /
+            1e6;
+#endif
+  AddRatio(r, "std::vector", r.std_vector);
+  AddRatio(r, "stxxl", r.stxxl);
+  AddRatio(r, "boost", r.boost);
+  Add(r);
+}
+
+// Cold: the page cache of every data file is written back and dropped before each batch. Rates
+// count the searches only; the bytes read per search come from /proc/self/io.
+void LowerBoundCold(Filled& f) {
+  const uint64_t n = f.vector.size();
+  constexpr int kBatches = 8;
+  constexpr int kPerBatch = 32;
+  std::mt19937_64 random(13);
+  std::vector<int64_t> keys(kBatches * kPerBatch);
+  for (auto& k : keys) k = static_cast<int64_t>(random() % (2 * n));
+  struct Cold {
+    double rate = NAN, bytes = NAN, faults = NAN;
+  };
+  auto measure = [&](const std::function<uint64_t(int64_t)>& search) {
+    double seconds = 0;
+    int64_t bytes = 0, faults = 0;
+    uint64_t sum = 0;
+    for (int b = 0; b < kBatches; ++b) {
+      g_dir->DropCache();
+      int64_t bytes0 = ReadBytes(), faults0 = MajorFaults();
+      auto t0 = Clock::now();
+      for (int k = 0; k < kPerBatch; ++k) sum += search(keys[b * kPerBatch + k]);
+      seconds += Seconds(t0, Clock::now());
+      bytes += ReadBytes() - bytes0;
+      faults += MajorFaults() - faults0;
+    }
+    g_sink = g_sink + static_cast<int64_t>(sum);
+    Cold c;
+    const double searches = kBatches * kPerBatch;
+    c.rate = searches / seconds / 1e3;
+    c.bytes = static_cast<double>(bytes) / searches;
+    c.faults = static_cast<double>(faults) / searches;
+    return c;
+  };
+  Cold zu = measure([&](int64_t k) { return f.file->LowerBound(&k); });
+  Cold bst;
+#ifdef ZU_BENCH_HAVE_BOOST
+  bst = measure([&](int64_t k) {
+    const BoostVector& v = f.boost->v();
+    return static_cast<uint64_t>(std::lower_bound(v.begin(), v.end(), k) - v.begin());
+  });
+#endif
+  Row rate = MakeRow("LowerBound cold", "file", n, "K ops/s");
+  rate.zu = zu.rate;
+  rate.boost = bst.rate;
+  AddRatio(rate, "boost", rate.boost);
+  Add(rate);
+  Row bytes = MakeRow("cold bytes read/search", "file", n, "bytes");
+  bytes.zu = zu.bytes;
+  bytes.boost = bst.bytes;
+  bytes.limit_name = "page";
+  bytes.limit = 4096;
+  AddRatio(bytes, "boost", bytes.boost, true);
+  char note[96];
+  std::snprintf(note, sizeof note, "major faults/search: zu %.2f, boost %.2f", zu.faults,
+                bst.faults);
+  bytes.note = note;
+  Add(bytes);
+}
+
+// The move of a self-spilling int64 array at the threshold, next to one AppendBuffer of the
+// same elements into a fresh file array; then the parts the move is made of, timed alone.
+void Spill(int reps) {
+  const uint64_t n = zu::kSpillThreshold;
+  std::vector<int64_t> src = SortedSource(n);
+  std::vector<double> spill, bulk, read_out, destroy, small_appends;
+  for (int rep = 0; rep < reps; ++rep) {
+    {
+      std::unique_ptr<IZUArray> a(NewArray("auto"));
+      a->AppendBuffer(src.data(), n - 1);
+      a->Append(&src[n - 1]);
+      int64_t next = src[n - 1] + 2;
+      auto t0 = Clock::now();
+      int rc = a->Append(&next);
+      spill.push_back(Seconds(t0, Clock::now()));
+      if (rc != kZuOk || a->GetSize() != n + 1) std::printf("spill failed\n");
+    }
+    {
+      std::unique_ptr<IZUArray> a(NewArray("file"));
+      auto t0 = Clock::now();
+      a->AppendBuffer(src.data(), n);
+      bulk.push_back(Seconds(t0, Clock::now()));
+    }
+    {  // the parts: read the deque out in 8192-element pieces, destroy it, 8192-element appends
+      std::unique_ptr<IZUArray> d(NewArray("deque"));
+      d->AppendBuffer(src.data(), n);
+      std::vector<int64_t> piece(zu::kMigrateChunk);
+      auto t0 = Clock::now();
+      for (uint64_t i = 0; i < n; i += zu::kMigrateChunk)
+        d->CopyOut(piece.data(), static_cast<int>(i), zu::kMigrateChunk);
+      read_out.push_back(Seconds(t0, Clock::now()));
+      g_sink = g_sink + piece[0];
+      t0 = Clock::now();
+      d.reset();
+      destroy.push_back(Seconds(t0, Clock::now()));
+      std::unique_ptr<IZUArray> a(NewArray("file"));
+      t0 = Clock::now();
+      for (uint64_t i = 0; i < n; i += zu::kMigrateChunk)
+        a->AppendBuffer(src.data() + i, zu::kMigrateChunk);
+      small_appends.push_back(Seconds(t0, Clock::now()));
+    }
+  }
+  Row r = MakeRow("spill at threshold", "auto", n, "M elem/s");
+  r.zu = Rate(n, spill);
+  r.limit_name = "file AB";
+  r.limit = Rate(n, bulk);
+  AddRatio(r, "file AppendBuffer", r.limit);
+  char note[200];
+  std::snprintf(note, sizeof note,
+                "ms: move %.0f, one AppendBuffer %.0f; parts: deque read-out %.0f, deque "
+                "destroy %.0f, AppendBuffer by %u %.0f",
+                Median(spill) * 1e3, Median(bulk) * 1e3, Median(read_out) * 1e3,
+                Median(destroy) * 1e3, zu::kMigrateChunk, Median(small_appends) * 1e3);
+  r.note = note;
+  Add(r);
+}
+
+// Resident memory while a file array takes `bytes` of int64 data in 8 MiB appends; anonymous
+// memory is counted from just before the array exists.
+void Resident(uint64_t bytes) {
+  const uint64_t piece = (uint64_t{8} << 20) / sizeof(int64_t);
+  const uint64_t n = bytes / sizeof(int64_t);
+  std::vector<int64_t> buffer(piece, 0);
+  ::malloc_trim(0);  // freed heap of earlier scenarios would hide what the array takes
+  const long anon0 = StatusKiB("RssAnon:");
+  long anon_peak = 0, file_peak = 0;
+  double seconds = 0;
+  {
+    std::unique_ptr<IZUArray> a(NewArray("file"));
+    auto t0 = Clock::now();
+    for (uint64_t done = 0; done < n; done += piece) {
+      for (uint64_t i = 0; i < piece; ++i) buffer[i] = static_cast<int64_t>(done + i);
+      a->AppendBuffer(buffer.data(), piece);
+      if ((done / piece) % 16 == 0 || done + piece >= n) {
+        anon_peak = std::max(anon_peak, StatusKiB("RssAnon:") - anon0);
+        file_peak = std::max(file_peak, StatusKiB("RssFile:"));
+      }
+    }
+    seconds = Seconds(t0, Clock::now());
+    if (a->GetSize() != n) std::printf("resident: size mismatch\n");
+  }
+  const double samples_mib = static_cast<double>(bytes / 4096 * sizeof(int64_t)) / 1048576.0;
+  Row r = MakeRow("anon RSS while appending", "file", n, "MiB");
+  r.zu = anon_peak / 1024.0;
+  r.limit_name = "16+smp";
+  r.limit = 16 + samples_mib;
+  AddRatio(r, "allowance", r.limit, true);
+  char note[160];
+  std::snprintf(note, sizeof note,
+                "%.1f GiB in %.1f s; RssAnon before %.1f MiB; peak RssFile %.0f MiB; samples "
+                "%.1f MiB",
+                static_cast<double>(bytes) / (1 << 30), seconds, anon0 / 1024.0, file_peak / 1024.0,
+                samples_mib);
+  r.note = note;
+  Add(r);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Output.
+
+std::string JsonEscape(const std::string& s) {
+  std::string out;
+  for (char c : s) {
+    if (c == '"' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+std::string JsonNumber(double v) {
+  if (std::isnan(v)) return "null";
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%.6g", v);
+  return buffer;
+}
+
+struct Machine {
+  std::string cpu, kernel, memory, disk, load_start, load_end;
+  long cores = 0;
+};
+
+Machine Describe(const fs::path& dir) {
+  Machine m;
+  m.cores = ::sysconf(_SC_NPROCESSORS_ONLN);
+  utsname u{};
+  ::uname(&u);
+  m.kernel = std::string(u.sysname) + " " + u.release + " " + u.machine;
+  std::ifstream cpuinfo("/proc/cpuinfo");
+  for (std::string line; std::getline(cpuinfo, line);) {
+    if (line.rfind("model name", 0) == 0) {
+      m.cpu = line.substr(line.find(':') + 2);
+      break;
+    }
+  }
+  char buffer[128];
+  std::snprintf(
+      buffer, sizeof buffer, "%.1f GiB",
+      static_cast<double>(::sysconf(_SC_PHYS_PAGES)) * ::sysconf(_SC_PAGESIZE) / (1 << 30));
+  m.memory = buffer;
+  std::error_code ec;
+  auto space = fs::space(dir, ec);
+  struct stat st {};
+  ::stat(dir.c_str(), &st);
+  std::string device = std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev));
+  std::string model = ReadFirstLine("/sys/dev/block/" + device + "/device/model");
+  std::string rotational = ReadFirstLine("/sys/dev/block/" + device + "/queue/rotational");
+  std::snprintf(buffer, sizeof buffer, "%s (dev %s%s%s), %.0f GiB, %.0f GiB free",
+                dir.parent_path().c_str(), device.c_str(), model.empty() ? "" : ", ", model.c_str(),
+                static_cast<double>(space.capacity) / (1 << 30),
+                static_cast<double>(space.available) / (1 << 30));
+  m.disk = buffer;
+  if (rotational == "0") m.disk += ", non-rotational";
+  if (rotational == "1") m.disk += ", rotational";
+  return m;
+}
+
+void WriteResults(const fs::path& out, const Machine& m, double total_seconds) {
+  fs::create_directories(out);
+  {
+    std::ofstream md(out / "results.md");
+    md << "# zu-bench results\n\n";
+    md << "Machine: " << m.cores << " cores (" << m.cpu << "), " << m.memory << " memory, "
+       << m.kernel << "; data directory on " << m.disk << ".\n";
+    md << "Load average (1, 5, 15 min) at start " << m.load_start << ", at end " << m.load_end
+       << "; run took " << Format(total_seconds) << " s.\n\n";
+    md << "Values are medians; ratios are this library over the peer (above 1: this library is "
+          "faster, or for bytes and MiB: uses less). Elements are int64_t.\n\n";
+    md << "| scenario | kind | elements | unit | zu | std::vector | std::deque | stxxl::vector "
+          "| boost.ipc | limit | ratios | note |\n";
+    md << "|---|---|--:|---|--:|--:|--:|--:|--:|--:|---|---|\n";
+    for (const Row& r : g_rows) {
+      md << "| " << r.scenario << " | " << r.kind << " | " << r.elements << " | " << r.unit << " | "
+         << Format(r.zu) << " | " << Format(r.std_vector) << " | " << Format(r.std_deque) << " | "
+         << Format(r.stxxl) << " | " << Format(r.boost) << " | " << Format(r.limit)
+         << (r.limit_name.empty() ? "" : " " + r.limit_name) << " | " << RatioText(r) << " | "
+         << r.note << " |\n";
+    }
+  }
+  {
+    std::ofstream js(out / "results.json");
+    js << "{\n  \"machine\": {\"cores\": " << m.cores << ", \"cpu\": \"" << JsonEscape(m.cpu)
+       << "\", \"memory\": \"" << m.memory << "\", \"kernel\": \"" << JsonEscape(m.kernel)
+       << "\", \"disk\": \"" << JsonEscape(m.disk) << "\", \"load_start\": \"" << m.load_start
+       << "\", \"load_end\": \"" << m.load_end << "\", \"seconds\": " << JsonNumber(total_seconds)
+       << "},\n  \"rows\": [\n";
+    for (size_t i = 0; i < g_rows.size(); ++i) {
+      const Row& r = g_rows[i];
+      js << "    {\"scenario\": \"" << r.scenario << "\", \"kind\": \"" << r.kind
+         << "\", \"elements\": " << r.elements << ", \"unit\": \"" << r.unit
+         << "\", \"zu\": " << JsonNumber(r.zu) << ", \"std_vector\": " << JsonNumber(r.std_vector)
+         << ", \"std_deque\": " << JsonNumber(r.std_deque) << ", \"stxxl\": " << JsonNumber(r.stxxl)
+         << ", \"boost\": " << JsonNumber(r.boost) << ", \"limit_name\": \"" << r.limit_name
+         << "\", \"limit\": " << JsonNumber(r.limit) << ", \"ratios\": {";
+      for (size_t k = 0; k < r.ratios.size(); ++k) {
+        js << (k ? ", " : "") << "\"" << JsonEscape(r.ratios[k].first)
+           << "\": " << JsonNumber(r.ratios[k].second);
+      }
+      js << "}, \"note\": \"" << JsonEscape(r.note) << "\"}" << (i + 1 < g_rows.size() ? "," : "")
+         << "\n";
+    }
+    js << "  ]\n}\n";
+  }
+  {  // one block per scenario and kind with at least two sizes, for gnuplot (index n)
+    std::ofstream tsv(out / "results.tsv");
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (const Row& r : g_rows) {
+      auto key = std::make_pair(r.scenario, r.kind);
+      if (std::find(seen.begin(), seen.end(), key) != seen.end()) continue;
+      int count = 0;
+      for (const Row& s : g_rows) count += s.scenario == r.scenario && s.kind == r.kind;
+      if (count < 2) continue;
+      seen.push_back(key);
+      tsv << "# " << r.scenario << " (" << r.kind << ", " << r.unit << ")\n";
+      tsv << "elements\tzu\tstd::vector\tstd::deque\tstxxl\tboost\t" << r.limit_name << "\n";
+      for (const Row& s : g_rows) {
+        if (s.scenario != r.scenario || s.kind != r.kind) continue;
+        auto v = [](double x) { return std::isnan(x) ? std::string("NaN") : JsonNumber(x); };
+        tsv << s.elements << "\t" << v(s.zu) << "\t" << v(s.std_vector) << "\t" << v(s.std_deque)
+            << "\t" << v(s.stxxl) << "\t" << v(s.boost) << "\t" << v(s.limit) << "\n";
+      }
+      tsv << "\n\n";
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fs::path out = "docs/bench";
+  double rss_gib = 8;
+  bool quick = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (arg == "--out" && i + 1 < argc) {
+      out = argv[++i];
+    } else if (arg == "--rss-gib" && i + 1 < argc) {
+      rss_gib = std::atof(argv[++i]);
+    } else if (arg == "--quick") {
+      quick = true;
+    } else {
+      std::fprintf(stderr, "usage: zu-bench [--out DIR] [--rss-gib N] [--quick]\n");
+      return 2;
+    }
+  }
+  DataDir dir;
+  g_dir = &dir;
+  Machine machine = Describe(dir.path());
+  machine.load_start = LoadAverage();
+  auto run_start = Clock::now();
+#ifdef ZU_BENCH_HAVE_STXXL
+  ConfigureStxxl(dir.path(), 4);
+#endif
+  // In cache; comfortably in memory (below the spill threshold); 16x the spill threshold.
+  const std::vector<uint64_t> sizes =
+      quick ? std::vector<uint64_t>{1 << 16, 1 << 20, uint64_t{1} << 24}
+            : std::vector<uint64_t>{1 << 16, 1 << 22, uint64_t{1} << 27};
+  std::printf("data directory %s; load %s\n", dir.path().c_str(), machine.load_start.c_str());
+  std::printf("%-22s %-6s %11s %-10s %9s %9s %9s %9s %9s %9s %-7s  %s\n", "scenario", "kind",
+              "elements", "unit", "zu", "vector", "deque", "stxxl", "boost", "limit", "",
+              "ratios (zu / peer)");
+  for (uint64_t n : sizes) {
+    const int reps = n <= (1 << 16) ? 7 : n <= (1 << 22) ? 3 : 1;
+    const std::vector<int64_t> src = SortedSource(n);
+    const double memcpy_rate = MemcpyRate(src, std::max(reps, 3));
+    for (const char* kind : {"vector", "deque", "auto", "file"}) AppendOne(kind, src, reps);
+    Filled filled;
+    AppendBulk(src, std::max(reps, 2), memcpy_rate, &filled);
+    ReadSequential(filled, std::max(reps, 2), memcpy_rate);
+    RandomGetAt(filled, 0.4);
+    LowerBoundWarm(filled, 0.4);
+    LowerBoundCold(filled);
+  }
+  Spill(3);
+  Resident(static_cast<uint64_t>(rss_gib * (1 << 30)) / (8 << 20) * (8 << 20));
+  machine.load_end = LoadAverage();
+  const double total = Seconds(run_start, Clock::now());
+  std::printf("load at end %s; %.0f s\n", machine.load_end.c_str(), total);
+  WriteResults(out, machine, total);
+  return static_cast<int>(g_sink & 0);
+}
