@@ -70,6 +70,9 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
     std::shared_ptr<ArrayIterBase> end = source.Clone();
     end->Seek(static_cast<unsigned int>(copied));
     files->Append(ZuArrayIter<T>(&source), ZuArrayIter<T>(end.get()));
+    // A segment whose view could not be mapped dies without throwing: the move failed, and
+    // the elements stay where they are.
+    if (files->HasDeadSegment()) return kZuNoSpace;
     position += k;
     remaining -= k;
   }
