@@ -271,6 +271,10 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
   dir.Keep(short_data.filename().string());
   const std::filesystem::path link = dir.path() / kGuidName;
   std::filesystem::create_symlink(user, link);
+  // A second name of the user's file, shaped like a data file's.
+  const std::filesystem::path hard = dir.path() / "{99999999-8888-7777-6666-555555555555}.KMB";
+  std::filesystem::create_hard_link(user, hard);
+  dir.Keep(hard.filename().string());
 
   struct Case {
     const char* what;
@@ -282,6 +286,8 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
       {"by its own name, size 0", user, 0},
       {"through a symbolic link", link, 100},
       {"through a symbolic link, size 0", link, 0},
+      {"through a hard link", hard, 100},
+      {"through a hard link, size 0", hard, 0},
       {"size larger than the file", short_data, 1000},
       {"negative size", short_data, -5},
       {"size INT_MIN", short_data, INT_MIN},
@@ -295,6 +301,7 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
     EXPECT_EQ(std::filesystem::file_size(user), content.size());
     EXPECT_EQ(ReadBytes(short_data), std::string(10, 's'));
     EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_TRUE(std::filesystem::exists(hard));
   }
   std::filesystem::remove(link);
   std::printf("foreign files: %d hostile descriptions, user files unchanged\n",

@@ -108,6 +108,13 @@ bool IsRegularFile(int fd) {
   return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// A data file has exactly one name. A second one (a hard link) means the data file's name
+// may stand for someone else's file, which attaching would extend and write.
+bool HasSingleName(int fd) {
+  struct stat st;
+  return ::fstat(fd, &st) == 0 && st.st_nlink == 1;
+}
+
 // On POSIX a mapping is the descriptor it was made from; +1 keeps descriptor 0 distinct from
 // kNoMapping.
 MappingHandle MappingFromFd(int fd) { return static_cast<MappingHandle>(fd) + 1; }
@@ -161,7 +168,7 @@ class PosixPlatform : public Platform {
   FileHandle OpenFile(const std::wstring& path) override {
     if (path.empty()) return kInvalidFile;
     ScopedFd fd(RetryOpen(WideToUtf8(path), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (!fd.valid() || !IsRegularFile(fd.get())) return kInvalidFile;
+    if (!fd.valid() || !IsRegularFile(fd.get()) || !HasSingleName(fd.get())) return kInvalidFile;
     if (!RetryFlock(fd.get(), LOCK_SH | LOCK_NB)) return kInvalidFile;
     return fd.release();
   }
