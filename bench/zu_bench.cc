@@ -281,6 +281,14 @@ class BoostPeer {
     bip::file_mapping::remove(path_.c_str());
   }
   BoostVector& v() { return *vector_; }
+  // Unmaps the file, drops the page cache of the data directory and maps the file again:
+  // pages a process maps cannot be dropped.
+  void ReopenCold() {
+    file_.reset();
+    g_dir->DropCache();
+    file_ = std::make_unique<bip::managed_mapped_file>(bip::open_only, path_.c_str());
+    vector_ = file_->find<BoostVector>("v").first;
+  }
 
  private:
   std::string path_;
@@ -353,45 +361,56 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
   Row r = MakeRow("append one-by-one", kind, n, "M elem/s");
   std::vector<double> zu, vec, deq, stx, bst;
   for (int rep = 0; rep < reps; ++rep) {
-    {
+    // The order alternates, so that allocator and page-cache state left by one contender
+    // falls on each of them alike.
+    std::vector<std::function<void()>> runs;
+    runs.push_back([&] {
       std::unique_ptr<IZUArray> a(NewArray(kind));
       auto t0 = Clock::now();
       for (uint64_t i = 0; i < n; ++i) a->Append(&src[i]);
       zu.push_back(Seconds(t0, Clock::now()));
       if (a->GetSize() != n) r.note = "size mismatch";
-    }
+    });
     if (kind == "vector") {
-      auto t0 = Clock::now();
-      std::vector<int64_t> v;
-      for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
-      g_sink = g_sink + v.back();
-      vec.push_back(Seconds(t0, Clock::now()));
+      runs.push_back([&] {
+        auto t0 = Clock::now();
+        std::vector<int64_t> v;
+        for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
+        g_sink = g_sink + v.back();
+        vec.push_back(Seconds(t0, Clock::now()));
+      });
     }
     if (kind == "deque" || kind == "auto") {
-      auto t0 = Clock::now();
-      std::deque<int64_t> d;
-      for (uint64_t i = 0; i < n; ++i) d.push_back(src[i]);
-      g_sink = g_sink + d.back();
-      deq.push_back(Seconds(t0, Clock::now()));
+      runs.push_back([&] {
+        auto t0 = Clock::now();
+        std::deque<int64_t> d;
+        for (uint64_t i = 0; i < n; ++i) d.push_back(src[i]);
+        g_sink = g_sink + d.back();
+        deq.push_back(Seconds(t0, Clock::now()));
+      });
     }
-    if (kind == "file" || kind == "auto") {
 #ifdef ZU_BENCH_HAVE_STXXL
-      {
+    if (kind == "file" || kind == "auto") {
+      runs.push_back([&] {
         StxxlVector v;
         auto t0 = Clock::now();
         for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
         stx.push_back(Seconds(t0, Clock::now()));
-      }
+      });
+    }
 #endif
 #ifdef ZU_BENCH_HAVE_BOOST
-      if (kind == "file") {
+    if (kind == "file") {
+      runs.push_back([&] {
         BoostPeer peer(n);
         auto t0 = Clock::now();
         for (uint64_t i = 0; i < n; ++i) peer.v().push_back(src[i]);
         bst.push_back(Seconds(t0, Clock::now()));
-      }
-#endif
+      });
     }
+#endif
+    if (rep % 2 == 1) std::reverse(runs.begin(), runs.end());
+    for (auto& run : runs) run();
   }
   r.zu = Rate(n, zu);
   r.std_vector = Rate(n, vec);
@@ -686,12 +705,13 @@ void LowerBoundCold(Filled& f) {
   struct Cold {
     double rate = NAN, bytes = NAN, faults = NAN;
   };
-  auto measure = [&](const std::function<uint64_t(int64_t)>& search) {
+  auto measure = [&](const std::function<uint64_t(int64_t)>& search,
+                     const std::function<void()>& drop) {
     double seconds = 0;
     int64_t bytes = 0, faults = 0;
     uint64_t sum = 0;
     for (int b = 0; b < kBatches; ++b) {
-      g_dir->DropCache();
+      drop();
       int64_t bytes0 = ReadBytes(), faults0 = MajorFaults();
       auto t0 = Clock::now();
       for (int k = 0; k < kPerBatch; ++k) sum += search(keys[b * kPerBatch + k]);
@@ -707,13 +727,15 @@ void LowerBoundCold(Filled& f) {
     c.faults = static_cast<double>(faults) / searches;
     return c;
   };
-  Cold zu = measure([&](int64_t k) { return f.file->LowerBound(&k); });
+  Cold zu = measure([&](int64_t k) { return f.file->LowerBound(&k); }, [] { g_dir->DropCache(); });
   Cold bst;
 #ifdef ZU_BENCH_HAVE_BOOST
-  bst = measure([&](int64_t k) {
-    const BoostVector& v = f.boost->v();
-    return static_cast<uint64_t>(std::lower_bound(v.begin(), v.end(), k) - v.begin());
-  });
+  bst = measure(
+      [&](int64_t k) {
+        const BoostVector& v = f.boost->v();
+        return static_cast<uint64_t>(std::lower_bound(v.begin(), v.end(), k) - v.begin());
+      },
+      [&] { f.boost->ReopenCold(); });
 #endif
   Row rate = MakeRow("LowerBound cold", "file", n, "K ops/s");
   rate.zu = zu.rate;
@@ -995,11 +1017,12 @@ int main(int argc, char** argv) {
               "ratios (zu / peer)");
   for (uint64_t n : sizes) {
     const int reps = n <= (1 << 16) ? 7 : n <= (1 << 22) ? 3 : 1;
+    const int bulk_reps = std::max(reps, 3);
     const std::vector<int64_t> src = SortedSource(n);
     const double memcpy_rate = MemcpyRate(src, std::max(reps, 3));
     for (const char* kind : {"vector", "deque", "auto", "file"}) AppendOne(kind, src, reps);
     Filled filled;
-    AppendBulk(src, std::max(reps, 2), memcpy_rate, &filled);
+    AppendBulk(src, bulk_reps, memcpy_rate, &filled);
     ReadSequential(filled, std::max(reps, 2), memcpy_rate);
     RandomGetAt(filled, 0.4);
     LowerBoundWarm(filled, 0.4);
