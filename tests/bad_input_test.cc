@@ -270,7 +270,7 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
       dir.Touch("{11111111-2222-3333-4444-555555555555}.KMB", std::string(10, 's'));
   dir.Keep(short_data.filename().string());
   const std::filesystem::path link = dir.path() / kGuidName;
-  std::filesystem::create_symlink(user, link);
+  if (kCanMakeSymlinks) std::filesystem::create_symlink(user, link);
   // A second name of the user's file, shaped like a data file's.
   const std::filesystem::path hard = dir.path() / "{99999999-8888-7777-6666-555555555555}.KMB";
   std::filesystem::create_hard_link(user, hard);
@@ -294,13 +294,14 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
       {"size INT_MAX", short_data, INT_MAX},
   };
   for (const Case& c : cases) {
+    if (!kCanMakeSymlinks && c.path == link) continue;  // no link to follow on this system
     SCOPED_TRACE(c.what);
     bool loaded = true;
     EXPECT_EQ(LoadUseAndDestroy(OneEntry(Entry(c.path.string(), c.size)).get(), &loaded), 0u);
     EXPECT_EQ(ReadBytes(user), content);
     EXPECT_EQ(std::filesystem::file_size(user), content.size());
     EXPECT_EQ(ReadBytes(short_data), std::string(10, 's'));
-    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(std::filesystem::is_symlink(link), kCanMakeSymlinks);
     EXPECT_TRUE(std::filesystem::exists(hard));
   }
   std::filesystem::remove(link);

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/process_state.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/zu_data_manager.h"
 
@@ -40,7 +41,7 @@ std::unique_ptr<IZUArray> FileArrayWithOneElement() {
 std::set<std::string> Names(const std::filesystem::path& dir) {
   std::set<std::string> names;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(dir)) {
-    names.insert(std::filesystem::relative(entry.path(), dir).string());
+    names.insert(std::filesystem::relative(entry.path(), dir).generic_u8string());
   }
   return names;
 }
@@ -123,10 +124,7 @@ TEST(DataDirectory, AnotherProcessCleaningUpSparesLiveFiles) {
   dir.Touch("{00000000-0000-4000-8000-000000000000}.KMB");
   auto live = FileArrayWithOneElement();
   ASSERT_EQ(dir.CountFiles(), 2);
-  const std::string exe = std::filesystem::read_symlink("/proc/self/exe").string();
-  const std::string command = std::string(kCleanChildVariable) + "='" + dir.path().string() +
-                              "' '" + exe + "' >/dev/null 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0);
+  ASSERT_EQ(RunSelfWith(kCleanChildVariable, dir.path()), 0);
   EXPECT_EQ(dir.CountFiles(), 1) << "the stray file went, the live one stayed";
   uint32_t out = 0;
   EXPECT_NE(live->GetAt(0, &out), nullptr);

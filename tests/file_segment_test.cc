@@ -205,18 +205,21 @@ TEST(CZUFileArrayImp, AttachLeavesFilesTheLibraryDidNotMakeAlone) {
   dir.Keep("notes.txt");
   dir.Keep(guid_name);
   const std::string link_name = "{0123ABCD-0000-4000-8000-000000000001}.KMB";
-  std::filesystem::create_symlink(user_file, dir.path() / link_name);
+  if (kCanMakeSymlinks) std::filesystem::create_symlink(user_file, dir.path() / link_name);
+  const std::string dir_name = "{0123ABCD-0000-4000-8000-000000000002}.KMB";
+  std::filesystem::create_directory(dir.path() / dir_name);
   struct Case {
     std::string path;
     int size;
   };
-  const Case cases[] = {
-      {user_file.string(), 10},                 // not a data-file name
-      {(dir.path() / link_name).string(), 10},  // a link
-      {guid_file.string(), 4097},               // longer than the file
-      {guid_file.string(), -1},                 // negative
+  std::vector<Case> cases = {
+      {user_file.string(), 10},                // not a data-file name
+      {(dir.path() / dir_name).string(), 0},   // a directory
+      {guid_file.string(), 4097},              // longer than the file
+      {guid_file.string(), -1},                // negative
       {(dir.path() / "{0123ABCD-0000-4000-8000-0000000000FF}.KMB").string(), 0},  // missing
   };
+  if (kCanMakeSymlinks) cases.push_back({(dir.path() / link_name).string(), 10});  // a link
   for (const Case& c : cases) {
     {
       Segment segment;
@@ -234,7 +237,8 @@ TEST(CZUFileArrayImp, AttachLeavesFilesTheLibraryDidNotMakeAlone) {
       EXPECT_EQ(now, content) << c.path;
     }
   }
-  EXPECT_TRUE(std::filesystem::is_symlink(dir.path() / link_name));
+  EXPECT_EQ(std::filesystem::is_symlink(dir.path() / link_name), kCanMakeSymlinks);
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / dir_name));
   // An entry without both keys changes nothing.
   Segment segment;
   base::DictionaryValue partial;

@@ -1,8 +1,12 @@
 // The Windows backend of the platform seam: the Win32 file, mapping, directory, GUID and
 // search calls the library was designed around.
 //
-// An open data file shares only reading, so while any array holds it nobody can delete it:
-// that is what keeps CleanTmpFiles away from live files here.
+// An open data file shares reading and writing but never deletion. Writing is shared so that a
+// description can be loaded while the array that made it is still alive: the loading array
+// opens the same file read-write, exactly as a second open(O_RDWR) succeeds on POSIX. Deletion
+// is not shared, so while any array (of this or another process) holds the file, DeleteFileW
+// is refused: that is what keeps CleanTmpFiles, and the destructor of the other holder, away
+// from a live file here. The last holder to close deletes it.
 #include <windows.h>
 #include <objbase.h>
 #include <shlobj.h>
@@ -20,7 +24,7 @@ namespace platform {
 namespace {
 
 constexpr DWORD kDataFileAccess = GENERIC_READ | GENERIC_WRITE;
-constexpr DWORD kDataFileShare = FILE_SHARE_READ;
+constexpr DWORD kDataFileShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
 constexpr DWORD kDataFileFlags = FILE_FLAG_SEQUENTIAL_SCAN | FILE_ATTRIBUTE_NORMAL;
 constexpr int kGuidTextCapacity = 64;  // StringFromGUID2 needs 39; the library uses 64
 
@@ -72,7 +76,16 @@ class Win32Platform : public Platform {
     HANDLE file = CreateFileW(path.c_str(), kDataFileAccess, kDataFileShare, nullptr,
                               OPEN_EXISTING, kDataFileFlags | FILE_FLAG_OPEN_REPARSE_POINT,
                               nullptr);
-    return file == INVALID_HANDLE_VALUE ? kInvalidFile : reinterpret_cast<FileHandle>(file);
+    if (file == INVALID_HANDLE_VALUE) return kInvalidFile;
+    // A data file has exactly one name. A second one (a hard link) means the data file's name
+    // may stand for someone else's file, which attaching would extend and write.
+    BY_HANDLE_FILE_INFORMATION info;
+    if (!GetFileInformationByHandle(file, &info) || info.nNumberOfLinks != 1 ||
+        (info.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
+      CloseHandle(file);
+      return kInvalidFile;
+    }
+    return reinterpret_cast<FileHandle>(file);
   }
 
   void CloseFile(FileHandle file) override {
