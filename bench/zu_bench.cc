@@ -925,6 +925,19 @@ Machine Describe(const fs::path& dir) {
   return m;
 }
 
+const char kNotes[] =
+    "Notes: limits are memcpy of the same bytes between two touched buffers and pwrite of the "
+    "same bytes in 8 MiB pieces to a new file in the data directory, measured in the same run; "
+    "every writer starts after the file system's dirty pages are written back. Cold searches "
+    "run in batches of 32; before each batch every data file is written back and dropped from "
+    "the page cache (posix_fadvise POSIX_FADV_DONTNEED; the Boost file is unmapped first, since "
+    "mapped pages stay); bytes read come from /proc/self/io read_bytes. Pages inside a file "
+    "array's current 1 MiB read view stay mapped and cannot be dropped, which is why the "
+    "smallest size reads nothing. stxxl::vector uses 1 MiB blocks and a cache of two blocks, "
+    "its disk a file in the data directory (syscall, unlink, no direct I/O). The anonymous "
+    "memory row counts RssAnon growth from just before the file array exists; the allowance is "
+    "16 MiB plus one int64 sample per 4 KiB page of data.\n";
+
 void WriteResults(const fs::path& out, const Machine& m, double total_seconds) {
   fs::create_directories(out);
   {
@@ -946,6 +959,7 @@ void WriteResults(const fs::path& out, const Machine& m, double total_seconds) {
          << (r.limit_name.empty() ? "" : " " + r.limit_name) << " | " << RatioText(r) << " | "
          << r.note << " |\n";
     }
+    md << "\n" << kNotes;
   }
   {
     std::ofstream js(out / "results.json");
