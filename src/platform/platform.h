@@ -43,8 +43,10 @@ class Platform {
   virtual ~Platform() = default;
 
   // --- files -----------------------------------------------------------------------------
-  // Creates (truncating) a read-write file that other openers may only read. Returns
-  // kInvalidFile on failure. The file stays share-locked while open, which is what keeps
+  // Creates (truncating) a read-write file. Returns kInvalidFile on failure. Other arrays may
+  // open it read-write too (a description re-attaches while its maker lives), but while it is
+  // open nobody deletes it through DeleteFileIfUnused (POSIX: a shared lock held while open;
+  // Windows: no delete sharing, so even DeleteFile is refused). That is what keeps
   // CleanTmpFiles away from it.
   virtual FileHandle CreateFile(const std::wstring& path) = 0;
   // Opens an existing regular file read-write (never follows a symbolic link). kInvalidFile
