@@ -90,6 +90,7 @@ bool RunChild(int tmpfs_mib,
     *refused = "no pipe";
     return false;
   }
+  std::fflush(stdout);  // or the child would print what the parent had buffered
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);

@@ -288,6 +288,7 @@ void RunWorkload(FaultPlatform& faults, RunReport& report) {
 RunReport RunChild(FaultOp op, int nth, bool forever, bool* crashed) {
   int fds[2];
   if (pipe(fds) != 0) std::abort();
+  std::fflush(stdout);  // or the child would print what the parent had buffered
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
