@@ -225,5 +225,20 @@ TEST(CZUAutoDequeArray, CoarseSearchesOnlyInFiles) {
   EXPECT_EQ(floor % interval, 0u);
 }
 
+TEST(CZUAutoDequeArray, RecordsThatDifferOnlyInByteZeroAreNotFound) {
+  // The order reads bytes 15..1 only, while Find tests exact equality: a record that differs
+  // from the stored one in byte 0 sorts level with it and yet is not found.
+  auto array = MakeAuto<SimpleBigData<16>>(false);
+  SimpleBigData<16> stored{}, probe{};
+  stored.data[5] = 7;
+  probe = stored;
+  probe.data[0] = 1;
+  ASSERT_EQ(array->Append(&stored), kZuOk);
+  EXPECT_EQ(array->LowerBound(&probe), 0u);
+  EXPECT_EQ(array->UpperBound(&probe), 1u);
+  EXPECT_EQ(array->Find(&probe), 1u);
+  EXPECT_EQ(array->Find(&stored), 0u);
+}
+
 }  // namespace
 }  // namespace zu_test

@@ -83,6 +83,16 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
   }
   EXPECT_EQ(array.GetLast(out.data()), array.GetItemPtr(2));
 
+  // A range that ends before it starts is refused and replaces nothing.
+  SimpleDataIter<unsigned char> late(more.data(), 3, kRecordSize);
+  late.Seek(2);
+  auto early = late.Clone();
+  early->Seek(1);
+  EXPECT_EQ(array.Assign(&late, early.get()), kZuFailed);
+  ASSERT_EQ(array.GetSize(), 3u);
+  ASSERT_NE(array.GetAt(0, out.data()), nullptr);
+  EXPECT_EQ(out, RecordOf(20));
+
   array.Clear();
   EXPECT_EQ(array.GetSize(), 0u);
   EXPECT_EQ(array.GetLast(out.data()), nullptr);

@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "src/core/errors.h"
@@ -96,6 +97,9 @@ class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
   // before anything is replaced, so a failed copy leaves the content as it was.
   int Assign(ArrayIterBase* first, ArrayIterBase* last) override {
     return GuardAdd([&] {
+      // A range that ends before it starts is refused like the other containers' length
+      // error, before any record is replaced.
+      if (RangeCount(first, last) < 0) throw std::length_error("xdeque<T> too long");
       std::vector<std::unique_ptr<unsigned char[]>> copies;
       ForEachInRange<unsigned char>(
           first, last, [&](const unsigned char& record) { copies.push_back(CopyRecord(&record)); });
