@@ -11,7 +11,8 @@
 // the new value: reads answered from a sample see it, reads of the file may not.
 //
 // Failure: a storage that cannot create or grow a file makes the adding operations answer
-// kZuNoSpace; reads beyond the size give the storage's all-ones element (GetAt answers null).
+// kZuNoSpace; reads beyond the size give the storage's all-ones element (GetAt answers null,
+// GetLast of an empty array hands out the all-ones element).
 // Ownership: the array owns its storage; the files are deleted with the array or by Clear.
 // Thread-safety: not thread-safe: one thread per array.
 #ifndef ZU_FILE_FILE_ARRAY_H_
@@ -34,6 +35,12 @@ class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
   using Storage = CZUMultiFileArrayImp<T>;
 
   void SetAt(uint64_t index, const void* value) override;
+  // The storage's cached last element; an empty storage (no file) answers its all-ones
+  // element, so out is always written.
+  void* GetLast(void* out) override {
+    *static_cast<T*>(out) = *this->container_->GetBackReadPtr();
+    return out;
+  }
   uint64_t Find(const void* value) override;
   uint64_t UpperBound(const void* value) override;
   uint64_t LowerBound(const void* value) override;
