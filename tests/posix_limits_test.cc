@@ -352,6 +352,12 @@ bool RunLimitChild(const char* name, const TempDataDir& dir, rlim_t soft, rlim_t
 }
 
 TEST(PosixLimits, DescriptorLimitGivesCodeTwoAfterTheSoftLimitWasRaised) {
+#ifdef ZU_TEST_UBSAN_VPTR
+  // Before it trusts a vtable, UndefinedBehaviorSanitizer probes it through a pipe; with every
+  // descriptor taken the probe fails and each virtual call is reported as one on a bad object
+  // (and its reports cannot be suppressed in a build that halts on them).
+  GTEST_SKIP() << "UBSan's vtable probe needs free descriptors; the plain build runs this test";
+#endif
   TempDataDir dir;
   constexpr rlim_t kSoft = 48;
   constexpr rlim_t kHard = 160;
