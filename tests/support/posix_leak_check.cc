@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -91,17 +92,27 @@ class LeakCheck : public ::testing::EmptyTestEventListener {
   void OnTestEnd(const ::testing::TestInfo&) override {
     const auto descriptors = Descriptors();
     const auto mappings = FileMappings(temp_);
+    ++tests_;
+    const auto data_files = DataDirectoryFiles();
+    leaky_ += !(descriptors == descriptors_ && mappings == mappings_ && data_files == data_files_ &&
+                IZUArray::GetDataDirectory() == data_directory_);
     EXPECT_TRUE(descriptors == descriptors_)
         << "descriptors differ after the test:" << Describe(descriptors_, descriptors);
     EXPECT_TRUE(mappings == mappings_)
         << "file mappings differ after the test:" << Describe(mappings_, mappings);
     EXPECT_EQ(IZUArray::GetDataDirectory(), data_directory_) << "data directory not restored";
-    const auto data_files = DataDirectoryFiles();
     EXPECT_TRUE(data_files == data_files_)
         << "the data directory's files differ after the test:" << Describe(data_files_, data_files);
   }
 
+  void OnTestProgramEnd(const ::testing::UnitTest&) override {
+    std::printf("leak check: %d tests, %d left descriptors, file mappings or data files behind\n",
+                tests_, leaky_);
+  }
+
  private:
+  int tests_ = 0;  // tests checked
+  int leaky_ = 0;  // ... that left something behind
   std::string temp_;
   std::map<int, std::string> descriptors_;
   std::map<std::string, int> mappings_;
