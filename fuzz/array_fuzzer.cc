@@ -14,6 +14,10 @@
 // - SetAt on file storage writes only the chunk that holds the end, so SetAt is issued there
 //   only for indexes in that chunk.
 // - A self-spilling array clears itself on a failed add (the reversed range below).
+// The read-only views over a caller's buffer (plain and interleaved) are checked against the
+// same model: now and then both are attached to a copy of the model's elements and read, and
+// their searches are compared with the documented rules (an exact-match search on the plain
+// view, a backward search on the interleaved one).
 #include <fuzzer/FuzzedDataProvider.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -25,6 +29,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "zu_data_manager/zu_data_manager.h"
@@ -97,7 +102,7 @@ class Runner {
   void Run() {
     int steps = 0;
     while (in_.remaining_bytes() > 0 && steps++ < 400) {
-      Step(in_.ConsumeIntegralInRange<int>(0, 11));
+      Step(in_.ConsumeIntegralInRange<int>(0, 12));
       Check();
     }
     FullCheck();
@@ -261,6 +266,9 @@ class Runner {
       case 10:
         RoundTrip();
         return;
+      case 12:
+        if constexpr (std::is_integral<T>::value) Views();
+        return;
       case 11: {  // refused input: an empty buffer, and a range whose end lies before its start
         ExpectOk(array_->AppendBuffer(nullptr, 0), "AppendBuffer(nullptr, 0)");
         const std::vector<T> v = Values(MoreKeys(4, 1));
@@ -304,6 +312,69 @@ class Runner {
       FUZZ_CHECK(floor == (lower >= n ? n - 1 : present ? lower : lower - 1), "FindFloor");
       FUZZ_CHECK(near == lower && nearest == (lower < n ? model_[lower] : probe), "FindNearest");
     }
+  }
+
+  // The documented search of the interleaved view: a backward search whose probe position
+  // does not move with the halving step.
+  uint64_t BackwardSearch(const T& value) const {
+    const uint64_t count = model_.size();
+    uint64_t n = count;
+    uint64_t pos = count - 1;
+    while (count > 0 && n > 0) {
+      const uint64_t half = n / 2;
+      if (value < model_[pos]) {
+        pos = pos - half - 1;
+        n = n - half - 1;
+      } else {
+        n = half;
+      }
+    }
+    return pos >= count ? 0 : pos;
+  }
+
+  // Plain and interleaved views over copies of the model's elements.
+  void Views() {
+    const uint64_t n = model_.size();
+    const int type = static_cast<int>(sizeof(T));
+    const int gap = in_.ConsumeIntegralInRange<int>(0, 7);
+    const uint64_t base =
+        keys_.empty() ? 0 : keys_[in_.ConsumeIntegralInRange<size_t>(0, keys_.size() - 1)];
+    const T probe =
+        Keys<T>::Make(std::min(Keys<T>::Max(), base + in_.ConsumeIntegralInRange<uint64_t>(0, 1)));
+    const uint64_t lower = std::lower_bound(model_.begin(), model_.end(), probe) - model_.begin();
+    const bool present = lower < n && model_[lower] == probe;
+    const uint64_t at = in_.ConsumeIntegralInRange<uint64_t>(0, n + 1);
+    std::vector<T> plain_buffer(model_);
+    std::vector<unsigned char> cross_buffer(n * (sizeof(T) + static_cast<size_t>(gap)) + 1, 0xEE);
+    for (uint64_t i = 0; i < n; ++i) {
+      std::memcpy(&cross_buffer[i * (sizeof(T) + static_cast<size_t>(gap))], &model_[i], sizeof(T));
+    }
+    CArrayFactory factory;
+    std::unique_ptr<IZUArray> plain(factory.AllocAttachBufferArray(
+        type, n == 0 ? nullptr : reinterpret_cast<unsigned char*>(plain_buffer.data()),
+        static_cast<int64_t>(n * sizeof(T))));
+    std::unique_ptr<IZUArray> cross(factory.AllocAttachCrossBufferArray(
+        type, cross_buffer.data(), static_cast<int64_t>(n * sizeof(T)), gap));
+    FUZZ_CHECK(plain != nullptr && cross != nullptr, "no view of %llu elements",
+               static_cast<unsigned long long>(n));
+    FUZZ_CHECK(plain->GetSize() == n && cross->GetSize() == n, "view sizes %llu, %llu of %llu",
+               static_cast<unsigned long long>(plain->GetSize()),
+               static_cast<unsigned long long>(cross->GetSize()),
+               static_cast<unsigned long long>(n));
+    T out = Keys<T>::Make(5);
+    if (at < n) {
+      FUZZ_CHECK(plain->GetAt(at, &out) == &out && out == model_[at], "plain view GetAt");
+      out = Keys<T>::Make(5);
+      FUZZ_CHECK(cross->GetAt(at, &out) == &out && out == model_[at], "interleaved view GetAt");
+    } else {
+      FUZZ_CHECK(plain->GetAt(at, &out) == nullptr, "plain view GetAt beyond the end");
+    }
+    if (n > 0) {
+      FUZZ_CHECK(plain->GetLast(&out) == &out && out == model_.back(), "plain view GetLast");
+      FUZZ_CHECK(cross->GetLast(&out) == &out && out == model_.back(), "interleaved GetLast");
+    }
+    FUZZ_CHECK(plain->UpperBound(&probe) == (present ? lower : n), "plain view search");
+    FUZZ_CHECK(cross->UpperBound(&probe) == BackwardSearch(probe), "interleaved view search");
   }
 
   // Description round trip into a second array of the same kind (file storage only; the

@@ -235,6 +235,7 @@ TEST(CZUFileArray, InjectedFullDiskKeepsCompletedSegments) {
 
 // Runs in a child process inside its own mount namespace, on a small tmpfs.
 void FillSmallFileSystem(const std::string& mount) {
+  const std::wstring previous = IZUArray::GetDataDirectory();
   IZUArray::SetDataDirectory(std::filesystem::path(mount + "/data").wstring());
   const size_t mib = 1 << 20;
   std::vector<uint8_t> block(mib, 0x5A);
@@ -255,6 +256,7 @@ void FillSmallFileSystem(const std::string& mount) {
     EXPECT_EQ(array->GetSize(), 0u) << "the failing segment is reset";
   }
   EXPECT_TRUE(std::filesystem::is_empty(mount + "/data"));
+  IZUArray::SetDataDirectory(previous);
 }
 
 TEST(CZUFileArray, RealFullDiskReportsNoSpaceWithoutAFault) {

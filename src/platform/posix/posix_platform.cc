@@ -35,6 +35,7 @@ constexpr mode_t kDataFileMode = 0600;          // the files hold the host's dat
 constexpr mode_t kDirectoryMode = 0777;         // umask applies, as for any created directory
 constexpr size_t kGuidBytes = 16;               // a GUID is 128 bits
 constexpr rlim_t kFallbackFileLimit = 1 << 20;  // used when the hard limit is "unlimited"
+constexpr int kCreateAttempts = 8;              // a clean-up elsewhere took the new name
 
 // The one place where errno becomes an IoStatus.
 IoStatus StatusFromErrno(int error) {
@@ -159,10 +160,20 @@ class PosixPlatform : public Platform {
  public:
   FileHandle CreateFile(const std::wstring& path) override {
     if (path.empty()) return kInvalidFile;
-    ScopedFd fd(RetryOpen(WideToUtf8(path), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                          kDataFileMode));
-    if (!fd.valid() || !RetryFlock(fd.get(), LOCK_SH)) return kInvalidFile;
-    return fd.release();
+    const std::string native = WideToUtf8(path);
+    // Between creating the file and locking it, a clean-up in another process may take its
+    // exclusive lock and delete it: the lock then comes (after the clean-up let go) on a file
+    // without a name. Create it again then; once the shared lock is held on a named file, no
+    // clean-up can delete it.
+    for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
+      ScopedFd fd(
+          RetryOpen(native, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kDataFileMode));
+      if (!fd.valid() || !RetryFlock(fd.get(), LOCK_SH)) return kInvalidFile;
+      struct stat st;
+      if (::fstat(fd.get(), &st) != 0) return kInvalidFile;
+      if (st.st_nlink > 0) return fd.release();
+    }
+    return kInvalidFile;
   }
 
   FileHandle OpenFile(const std::wstring& path) override {
