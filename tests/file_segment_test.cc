@@ -327,8 +327,8 @@ TEST(CZUFileArrayImp, StagedSingleAppendsAreVisibleToEveryReader) {
       ASSERT_EQ(segment.SegmentLowerBound(v), i);
       ASSERT_EQ(segment.SegmentLowerBound(v - 1), i);
       ASSERT_EQ(segment.SegmentUpperBound(v), i + 1);
-      uint32_t near = v - 1;
-      ASSERT_EQ(segment.SegmentFindNearest(&near, 0), i);
+      uint32_t probe = v - 1;
+      ASSERT_EQ(segment.SegmentFindNearest(&probe, 0), i);
     }
     EXPECT_EQ(segment.SegmentLowerBound(static_cast<uint32_t>(2 * n)), n);
   }
