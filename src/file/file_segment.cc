@@ -355,7 +355,7 @@ void CZUFileArrayImp<T>::Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T
 
 template <typename T>
 void CZUFileArrayImp<T>::AppendRun(ArrayIterBase* first, ContiguousRange* contiguous,
-                                   uint64_t count, bool guarded) {
+                                   uint64_t count, bool guarded, BulkTail* tail) {
   // A plain buffer goes to the file with pwrite: the page cache keeps the views coherent, and
   // it spares a page fault per page of a freshly mapped view.
   const uint64_t start = size_;
@@ -380,6 +380,8 @@ void CZUFileArrayImp<T>::AppendRun(ArrayIterBase* first, ContiguousRange* contig
     contiguous->count -= bulk;
     size_ += bulk;
     count -= bulk;
+    std::memcpy(static_cast<void*>(&tail->value), bytes + (bulk - 1) * sizeof(T), sizeof(T));
+    tail->end = size_;
   }
   if (count == 0) return;
   if (write_view_ == nullptr || write_chunk_ != size_ / kChunkLength) {
@@ -433,12 +435,13 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   }
   CZUScopedLock write(write_lock_);
   ContiguousRange contiguous = FindContiguous(source, last.base(), sizeof(T));
+  BulkTail tail;
   // The rest of a partly filled chunk first; only whole chunks are guarded against a
   // misbehaving source.
   if (size_ % kChunkLength != 0) {
     const uint64_t run = std::min(kChunkLength - size_ % kChunkLength, count);
     const uint64_t before = size_;
-    AppendRun(source, &contiguous, run, false);
+    AppendRun(source, &contiguous, run, false, &tail);
     if (size_ - before < run)
       count = 0;  // source exhausted or segment dead
     else
@@ -447,7 +450,7 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   while (count > 0 && !dead_) {
     const uint64_t run = std::min(count, kChunkLength);
     const uint64_t before = size_;
-    AppendRun(source, &contiguous, run, true);
+    AppendRun(source, &contiguous, run, true, &tail);
     if (size_ - before < run) break;
     count -= run;
   }
@@ -457,7 +460,9 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   if (write_view_ == nullptr || write_chunk_ != last_index / kChunkLength) {
     if (!MapView(last_index, View::kWrite)) return;
   }
-  last_value_ = write_view_[last_index % kChunkLength];
+  // When the range ended with a file write, the element just written is at hand; reading it
+  // back through the fresh view would cost a page fault per call.
+  last_value_ = tail.end == size_ ? tail.value : write_view_[last_index % kChunkLength];
   FlushIfPending();
 }
 

@@ -167,10 +167,16 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   void DropStage();
   // Records the samples for element `index` (the next one to be appended).
   void RecordSamples(uint64_t index, const T& value);
+  // The last element a file write of AppendRun took from the source, and the size after it.
+  struct BulkTail {
+    T value{};
+    uint64_t end = 0;  // 0: no file write yet
+  };
   // Writes up to `count` source elements into the current chunk at size_, advancing size_ and
-  // `first`: the contiguous part with one file write, the rest through the write view. With
-  // `guarded`, an element whose copy throws is reported and skipped.
-  void AppendRun(ArrayIterBase* first, ContiguousRange* contiguous, uint64_t count, bool guarded);
+  // `first`: the contiguous part with one file write (noted in `tail`), the rest through the
+  // write view. With `guarded`, an element whose copy throws is reported and skipped.
+  void AppendRun(ArrayIterBase* first, ContiguousRange* contiguous, uint64_t count, bool guarded,
+                 BulkTail* tail);
   void FlushIfPending();
   // PushBack for every case that may grow, map, sample, write or flush.
   void PushBackSlow(const T& value);
