@@ -284,6 +284,10 @@ class PosixPlatform : public Platform {
 
   void CreateDirectories(const std::wstring& path) override {
     std::string native = WideToUtf8(path);
+    // The usual case, an existing directory (or one whose parents exist), takes one call; only
+    // missing parents make the walk from the root necessary.
+    if (native.empty()) return;
+    if (::mkdir(native.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return;
     for (size_t slash = native.find('/', 1); !native.empty(); slash = native.find('/', slash + 1)) {
       std::string prefix = native.substr(0, slash);
       if (!prefix.empty()) ::mkdir(prefix.c_str(), kDirectoryMode);
