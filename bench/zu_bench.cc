@@ -443,7 +443,11 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
     }
 #endif
     if (rep % 2 == 1) std::reverse(runs.begin(), runs.end());
-    for (auto& run : runs) run();
+    // As in the bulk scenario, every writer starts with no dirty pages left by the one before.
+    for (auto& run : runs) {
+      g_dir->Settle();
+      run();
+    }
   }
   r.zu = Rate(n, zu);
   r.std_vector = Rate(n, vec);

@@ -24,9 +24,12 @@
 //
 // Ownership: the segment owns its file and deletes it when destroyed (also a file it was
 // attached to). Element addresses it returns stay valid until the next remap of that view.
-// Thread-safety: two locks guard the views (read view: read lock; write view, size and
+// Thread-safety: two locks guard the views (read view: read lock; write view, stage, size and
 // samples during appends: write lock). Growth takes write then read; destruction and attach
-// take read then write. One writer at a time; do not destroy or attach while appending.
+// take read then write. One writer at a time; do not destroy or attach while appending. A
+// single append that only joins the stage (no sample, no file write, no view) takes no lock:
+// it is the one writer's own state, and the lock's atomic operation would cost more than the
+// append.
 #ifndef ZU_FILE_FILE_SEGMENT_H_
 #define ZU_FILE_FILE_SEGMENT_H_
 
