@@ -7,14 +7,20 @@
 // as the limits. Each scenario runs at three sizes: in cache, comfortably in memory, and well
 // past the spill threshold of the self-spilling arrays.
 //
-// Usage: zu-bench [--out DIR] [--rss-gib N] [--quick]
+// Usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] [--only NAME,...]
+//                 [--kinds KIND,...]
 //   --out DIR     where results.md, results.json and results.tsv go (default docs/bench)
 //   --rss-gib N   GiB appended for the resident-memory scenario (default 8)
 //   --quick       smaller sizes, for a smoke run
+//   --sizes N,... element counts of the sized scenarios (default 65536,4194304,134217728)
+//   --only NAME,... run only these scenarios: append, bulk, read, getat, lbwarm, lbcold, spill,
+//                 rss (the read scenarios fill their containers with bulk, which then runs too)
+//   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory); the
 // data directory is created fresh and removed, with every file in it, at the end.
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -138,9 +144,12 @@ class DataDir {
   }
   const fs::path& path() const { return path_; }
 
-  // Writes back and drops the page cache of every file in the directory. Pages a process
-  // still maps stay.
+  // Writes back and drops the page cache of every file in the directory. Pages this process
+  // maps are unmapped first (their data stays in the files), as memory pressure would do:
+  // mapped pages cannot be dropped, so a long-lived view would otherwise keep every page it
+  // ever touched warm.
   void DropCache() const {
+    UnmapDataPages();
     std::error_code ec;
     for (const auto& entry : fs::directory_iterator(path_, ec)) {
       if (!entry.is_regular_file()) continue;
@@ -149,6 +158,21 @@ class DataDir {
       ::fdatasync(fd);
       ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
       ::close(fd);
+    }
+  }
+
+  // Zaps this process's page-table entries for every mapping of a file in the directory
+  // (MADV_DONTNEED on a shared file mapping: dirty pages stay dirty in the page cache, the
+  // next access faults them in again from there or from disk).
+  void UnmapDataPages() const {
+    std::ifstream maps("/proc/self/maps");
+    const std::string dir = path_.string() + "/";
+    for (std::string line; std::getline(maps, line);) {
+      if (line.find(dir) == std::string::npos) continue;
+      unsigned long long from = 0, to = 0;
+      if (std::sscanf(line.c_str(), "%llx-%llx", &from, &to) != 2 || to <= from) continue;
+      ::madvise(reinterpret_cast<void*>(static_cast<uintptr_t>(from)),
+                static_cast<size_t>(to - from), MADV_DONTNEED);
     }
   }
 
@@ -419,7 +443,11 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
     }
 #endif
     if (rep % 2 == 1) std::reverse(runs.begin(), runs.end());
-    for (auto& run : runs) run();
+    // As in the bulk scenario, every writer starts with no dirty pages left by the one before.
+    for (auto& run : runs) {
+      g_dir->Settle();
+      run();
+    }
   }
   r.zu = Rate(n, zu);
   r.std_vector = Rate(n, vec);
@@ -941,9 +969,9 @@ const char kNotes[] =
     "every writer starts after the file system's dirty pages are written back. Cold searches "
     "run in batches of 32; before each batch every data file is written back and dropped from "
     "the page cache (posix_fadvise POSIX_FADV_DONTNEED; the Boost file is unmapped first, since "
-    "mapped pages stay); bytes read come from /proc/self/io read_bytes. Pages inside a file "
-    "array's current 1 MiB read view stay mapped and cannot be dropped, which is why the "
-    "smallest size reads nothing. stxxl::vector uses 1 MiB blocks and a cache of two blocks, "
+    "mapped pages stay; this process's mappings of the data files are zapped with "
+    "MADV_DONTNEED first, as memory pressure would); bytes read come from /proc/self/io "
+    "read_bytes. stxxl::vector uses 1 MiB blocks and a cache of two blocks, "
     "its disk a file in the data directory (syscall, unlink, no direct I/O). The anonymous "
     "memory row counts RssAnon growth from just before the file array exists; the allowance is "
     "16 MiB plus one int64 sample per 4 KiB page of data.\n";
@@ -1020,10 +1048,26 @@ void WriteResults(const fs::path& out, const Machine& m, double total_seconds) {
 
 }  // namespace
 
+std::vector<std::string> SplitList(const std::string& text) {
+  std::vector<std::string> items;
+  std::istringstream in(text);
+  for (std::string item; std::getline(in, item, ',');) {
+    if (!item.empty()) items.push_back(item);
+  }
+  return items;
+}
+
+bool Contains(const std::vector<std::string>& list, const std::string& item) {
+  return std::find(list.begin(), list.end(), item) != list.end();
+}
+
 int main(int argc, char** argv) {
   fs::path out = "docs/bench";
   double rss_gib = 8;
   bool quick = false;
+  std::vector<uint64_t> chosen_sizes;
+  std::vector<std::string> only;  // empty: every scenario
+  std::vector<std::string> kinds = {"vector", "deque", "auto", "file"};
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--out" && i + 1 < argc) {
@@ -1032,11 +1076,23 @@ int main(int argc, char** argv) {
       rss_gib = std::atof(argv[++i]);
     } else if (arg == "--quick") {
       quick = true;
+    } else if (arg == "--sizes" && i + 1 < argc) {
+      for (const std::string& n : SplitList(argv[++i])) {
+        chosen_sizes.push_back(std::strtoull(n.c_str(), nullptr, 10));
+      }
+    } else if (arg == "--only" && i + 1 < argc) {
+      only = SplitList(argv[++i]);
+    } else if (arg == "--kinds" && i + 1 < argc) {
+      kinds = SplitList(argv[++i]);
     } else {
-      std::fprintf(stderr, "usage: zu-bench [--out DIR] [--rss-gib N] [--quick]\n");
+      std::fprintf(stderr,
+                   "usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] "
+                   "[--only append,bulk,read,getat,lbwarm,lbcold,spill,rss] "
+                   "[--kinds vector,deque,auto,file]\n");
       return 2;
     }
   }
+  auto wanted = [&only](const char* name) { return only.empty() || Contains(only, name); };
   DataDir dir;
   g_dir = &dir;
   Machine machine = Describe(dir.path());
@@ -1046,9 +1102,9 @@ int main(int argc, char** argv) {
   ConfigureStxxl(dir.path(), 4);
 #endif
   // In cache; comfortably in memory (below the spill threshold); 16x the spill threshold.
-  const std::vector<uint64_t> sizes =
-      quick ? std::vector<uint64_t>{1 << 16, 1 << 20, uint64_t{1} << 24}
-            : std::vector<uint64_t>{1 << 16, 1 << 22, uint64_t{1} << 27};
+  std::vector<uint64_t> sizes = quick ? std::vector<uint64_t>{1 << 16, 1 << 20, uint64_t{1} << 24}
+                                      : std::vector<uint64_t>{1 << 16, 1 << 22, uint64_t{1} << 27};
+  if (!chosen_sizes.empty()) sizes = chosen_sizes;
   std::printf("data directory %s; load %s\n", dir.path().c_str(), machine.load_start.c_str());
   std::printf("%-22s %-6s %11s %-10s %9s %9s %9s %9s %9s %9s %-7s  %s\n", "scenario", "kind",
               "elements", "unit", "zu", "vector", "deque", "stxxl", "boost", "limit", "",
@@ -1058,16 +1114,22 @@ int main(int argc, char** argv) {
     const int bulk_reps = std::max(reps, 3);
     const std::vector<int64_t> src = SortedSource(n);
     const double memcpy_rate = MemcpyRate(src, std::max(reps, 3));
-    for (const char* kind : {"vector", "deque", "auto", "file"}) AppendOne(kind, src, reps);
+    if (wanted("append")) {
+      for (const std::string& kind : kinds) AppendOne(kind, src, reps);
+    }
+    if (!(wanted("bulk") || wanted("read") || wanted("getat") || wanted("lbwarm") ||
+          wanted("lbcold"))) {
+      continue;
+    }
     Filled filled;
     AppendBulk(src, bulk_reps, memcpy_rate, &filled);
-    ReadSequential(filled, std::max(reps, 2), memcpy_rate);
-    RandomGetAt(filled, 0.4);
-    LowerBoundWarm(filled, 0.4);
-    LowerBoundCold(filled);
+    if (wanted("read")) ReadSequential(filled, std::max(reps, 2), memcpy_rate);
+    if (wanted("getat")) RandomGetAt(filled, 0.4);
+    if (wanted("lbwarm")) LowerBoundWarm(filled, 0.4);
+    if (wanted("lbcold")) LowerBoundCold(filled);
   }
-  Spill(3);
-  Resident(static_cast<uint64_t>(rss_gib * (1 << 30)) / (8 << 20) * (8 << 20));
+  if (wanted("spill")) Spill(3);
+  if (wanted("rss")) Resident(static_cast<uint64_t>(rss_gib * (1 << 30)) / (8 << 20) * (8 << 20));
   machine.load_end = LoadAverage();
   const double total = Seconds(run_start, Clock::now());
   std::printf("load at end %s; %.0f s\n", machine.load_end.c_str(), total);

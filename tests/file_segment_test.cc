@@ -213,10 +213,10 @@ TEST(CZUFileArrayImp, AttachLeavesFilesTheLibraryDidNotMakeAlone) {
     int size;
   };
   std::vector<Case> cases = {
-      {user_file.string(), 10},                // not a data-file name
-      {(dir.path() / dir_name).string(), 0},   // a directory
-      {guid_file.string(), 4097},              // longer than the file
-      {guid_file.string(), -1},                // negative
+      {user_file.string(), 10},               // not a data-file name
+      {(dir.path() / dir_name).string(), 0},  // a directory
+      {guid_file.string(), 4097},             // longer than the file
+      {guid_file.string(), -1},               // negative
       {(dir.path() / "{0123ABCD-0000-4000-8000-0000000000FF}.KMB").string(), 0},  // missing
   };
   if (kCanMakeSymlinks) cases.push_back({(dir.path() / link_name).string(), 10});  // a link
@@ -249,6 +249,130 @@ TEST(CZUFileArrayImp, AttachLeavesFilesTheLibraryDidNotMakeAlone) {
   EXPECT_EQ(segment.GetSize(), 1);
 }
 
+TEST(CZUFileArrayImp, AWideReadViewIsMappedOnceAndReadsNeverRemap) {
+  TempDataDir dir;
+  using Segment = CZUFileArrayImp<uint16_t>;
+  const auto values = Pattern<uint16_t>(3 * Segment::kChunkLength + 17);
+  int growth_maps[2] = {0, 0};  // view mappings made by one growth, per kind of read view
+  bool wide[2] = {false, false};
+  for (bool chunk_views : {false, true}) {
+    FaultPlatform faults;
+    faults.UseChunkReadViews(chunk_views);
+    Segment segment;
+    AppendBulk(segment, std::vector<uint16_t>(values.begin(), values.begin() + 1000));
+    std::vector<uint16_t> rest(values.begin() + 1000, values.end());
+    AppendBulk(segment, rest);  // grows the file past its first mapping
+    const int before = faults.Calls(FaultOp::kMapView);
+    // Random reads over every chunk, back and forth: the same elements either way.
+    for (uint64_t i = 1; i < values.size(); i += 4099) {
+      ASSERT_EQ(*segment.GetReadPtr(static_cast<int64_t>(i)), values[i]) << i;
+      const uint64_t j = values.size() - 1 - i;
+      ASSERT_EQ(*segment.GetReadPtr(static_cast<int64_t>(j)), values[j]) << j;
+    }
+    EXPECT_EQ(ReadAll<uint16_t>(segment), values);
+    const int remaps = faults.Calls(FaultOp::kMapView) - before;
+    if (segment.wide_read_view()) {
+      EXPECT_EQ(remaps, 0) << "a wide read view already covers every chunk";
+    } else {
+      EXPECT_GT(remaps, 0) << "a chunk read view follows the reads";
+    }
+    // Growing again keeps a wide view where it is; the new end is readable through it.
+    const int grown = faults.Calls(FaultOp::kMapView);
+    std::vector<uint16_t> more(Segment::kChunkLength, 7);
+    AppendBulk(segment, more);
+    growth_maps[chunk_views] = faults.Calls(FaultOp::kMapView) - grown;
+    wide[chunk_views] = segment.wide_read_view();
+    EXPECT_EQ(*segment.GetReadPtr(static_cast<int64_t>(values.size() + 5)), 7);
+    EXPECT_EQ(*segment.GetReadPtr(3), values[3]);
+  }
+  EXPECT_FALSE(wide[true]);
+  if (wide[false]) {
+    EXPECT_EQ(growth_maps[true] - growth_maps[false], 1)
+        << "growth maps a chunk read view again, never a wide one";
+  }
+  EXPECT_EQ(dir.CountFiles(), 0);
+}
+
+// Single appends gather in memory before they reach the file; nothing may tell: every way of
+// looking at the elements (reads, copies, searches, the write view, a description, a clear)
+// sees them at once.
+TEST(CZUFileArrayImp, StagedSingleAppendsAreVisibleToEveryReader) {
+  TempDataDir dir;
+  using Segment = CZUFileArrayImp<uint32_t>;
+  const uint64_t stage = Segment::kStageLength;
+  const uint64_t interval = [] {
+    Segment probe;
+    return probe.sample_interval();
+  }();
+  {  // reads of an element just pushed, at every position of a run
+    Segment segment;
+    for (uint32_t i = 0; i < 3 * stage + 5; ++i) {
+      segment.PushBack(2 * i);
+      ASSERT_EQ(*segment.GetReadPtr(i), 2 * i) << i;
+      if (i % 97 == 0) {
+        uint32_t out = 1;
+        int64_t count = 1;
+        segment.ReadData(&out, i, count);
+        ASSERT_EQ(count, 1);
+        ASSERT_EQ(out, 2 * i) << i;
+      }
+    }
+  }
+  {  // searches over sorted data reach staged elements
+    Segment segment;
+    const uint64_t n = stage + interval + 3;  // the last run is partly staged
+    for (uint32_t i = 0; i < n; ++i) segment.PushBack(2 * i);
+    for (uint64_t i = n - interval - 2; i < n; ++i) {
+      const uint32_t v = static_cast<uint32_t>(2 * i);
+      ASSERT_EQ(segment.SegmentLowerBound(v), i);
+      ASSERT_EQ(segment.SegmentLowerBound(v - 1), i);
+      ASSERT_EQ(segment.SegmentUpperBound(v), i + 1);
+      uint32_t probe = v - 1;
+      ASSERT_EQ(segment.SegmentFindNearest(&probe, 0), i);
+    }
+    EXPECT_EQ(segment.SegmentLowerBound(static_cast<uint32_t>(2 * n)), n);
+  }
+  {  // the write view reaches staged elements, and a write through it sticks
+    Segment segment;
+    for (uint32_t i = 0; i < 10; ++i) segment.PushBack(i);
+    *segment.GetWritePtr(7) = 70;
+    segment.PushBack(10);
+    segment.SetElement(9, 90);
+    auto back = ReadAll<uint32_t>(segment);
+    ASSERT_EQ(back.size(), 11u);
+    EXPECT_EQ(back[7], 70u);
+    EXPECT_EQ(back[9], 90u);
+    EXPECT_EQ(back[10], 10u);
+    EXPECT_EQ(*segment.GetBackReadPtr(), 10u);
+  }
+  {  // a description names a file that already holds every described element
+    Segment maker;
+    for (uint32_t i = 0; i < stage + 3; ++i) maker.PushBack(i + 5);
+    std::unique_ptr<base::DictionaryValue> entry(maker.Describe());
+    Segment reader;
+    ASSERT_TRUE(reader.Attach(*entry));
+    std::vector<uint32_t> expected(stage + 3);
+    for (uint32_t i = 0; i < expected.size(); ++i) expected[i] = i + 5;
+    EXPECT_EQ(ReadAll<uint32_t>(reader), expected);
+  }
+  {  // single appends after a range append and a range append after single appends
+    Segment segment;
+    std::vector<uint32_t> expected;
+    for (uint32_t round = 0; round < 3; ++round) {
+      std::vector<uint32_t> part(stage / 2 + round);
+      for (auto& v : part) v = static_cast<uint32_t>(expected.size() + (&v - part.data()));
+      AppendBulk(segment, part);
+      expected.insert(expected.end(), part.begin(), part.end());
+      for (uint32_t k = 0; k < stage + 1; ++k) {
+        segment.PushBack(static_cast<uint32_t>(expected.size()));
+        expected.push_back(static_cast<uint32_t>(expected.size()));
+      }
+    }
+    EXPECT_EQ(ReadAll<uint32_t>(segment), expected);
+  }
+  EXPECT_EQ(dir.CountFiles(), 0);
+}
+
 TEST(CZUFileArrayImp, EveryFailureLeavesADeadSegment) {
   TempDataDir dir;
   using Segment = CZUFileArrayImp<uint16_t>;
@@ -278,7 +402,9 @@ TEST(CZUFileArrayImp, EveryFailureLeavesADeadSegment) {
   }
   {
     FaultPlatform faults;
+    faults.UseChunkReadViews(true);  // one-chunk read views, as on Windows and 32-bit builds
     Segment segment;
+    ASSERT_FALSE(segment.wide_read_view());
     AppendBulk(segment, Pattern<uint16_t>(2 * Segment::kChunkLength));
     faults.Fail(FaultOp::kMapView, 1, /*forever=*/true);
     const int before = faults.Calls(FaultOp::kMapView);
@@ -291,6 +417,20 @@ TEST(CZUFileArrayImp, EveryFailureLeavesADeadSegment) {
     uint16_t out[4];
     segment.ReadData(out, 0, count);
     EXPECT_EQ(count, 0);
+  }
+  {
+    // A read view that spans the whole segment is mapped with the first growth: failing it
+    // there kills the segment exactly like a failing chunk view.
+    FaultPlatform faults;
+    Segment segment;
+    if (segment.wide_read_view()) {
+      faults.Fail(FaultOp::kMapView, 2, /*forever=*/true);  // the write view still maps
+      const int before = faults.Calls(FaultOp::kMapView);
+      segment.PushBack(1);
+      EXPECT_EQ(faults.Calls(FaultOp::kMapView) - before, 1 + 11) << "write view, read attempts";
+      EXPECT_TRUE(segment.dead());
+      EXPECT_EQ(segment.GetSize(), 0);
+    }
   }
   {
     FaultPlatform faults;

@@ -1,5 +1,6 @@
 #include "src/auto/auto_array.h"
 
+#include <cstdint>
 #include <vector>
 
 namespace zu {
@@ -57,15 +58,24 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
   if (files->HasDeadSegment()) return kZuNoSpace;
 
   // The buffer lives on the heap: 8192 records of 512 bytes are 4 MiB, far more than a stack
-  // frame should hold.
-  std::vector<T> buffer(kMigrateChunk);
+  // frame should hold. It is only needed for a piece that is not one run of memory.
+  std::vector<T> buffer;
   int64_t remaining = this->container_->GetSize();
   int64_t position = 0;
   while (remaining > 0) {
     int64_t k = remaining < kMigrateChunk ? remaining : kMigrateChunk;
     int64_t copied = k;
-    this->container_->ReadData(buffer.data(), position, copied);
-    SimpleDataIter<unsigned char> source(reinterpret_cast<unsigned char*>(buffer.data()),
+    // A piece inside one block of the in-memory storage (its first and last elements k - 1
+    // apart) is handed over where it lies: the copy through the buffer would be the same bytes.
+    const T* piece = this->container_->GetReadPtr(position);
+    const T* piece_last = this->container_->GetReadPtr(position + k - 1);
+    if (reinterpret_cast<uintptr_t>(piece_last) - reinterpret_cast<uintptr_t>(piece) !=
+        static_cast<uint64_t>(k - 1) * sizeof(T)) {
+      if (buffer.empty()) buffer.resize(kMigrateChunk);
+      this->container_->ReadData(buffer.data(), position, copied);
+      piece = buffer.data();
+    }
+    SimpleDataIter<unsigned char> source(reinterpret_cast<unsigned char*>(const_cast<T*>(piece)),
                                          static_cast<unsigned int>(copied), sizeof(T));
     std::shared_ptr<ArrayIterBase> end = source.Clone();
     end->Seek(static_cast<unsigned int>(copied));

@@ -16,6 +16,8 @@ namespace {
 // asks for the old address, the others let the system choose) before the segment gives up.
 constexpr int kMapAttempts = 11;
 const char kWriteConflictMessage[] = "write conflict";
+// A copy out of the file at least this long asks the system for its whole range up front.
+constexpr uint64_t kAdviseBytes = 0x10000;
 
 // Every segment holds a descriptor; make room for many of them before the first one.
 void RaiseOpenFileLimitOnce() {
@@ -59,6 +61,9 @@ CZUFileArrayImp<T>::CZUFileArrayImp() {
   RaiseOpenFileLimitOnce();
   platform::Platform& os = platform::Current();
   sample_interval_ = SampleInterval(os.PageSize(), sizeof(T));
+  sample_mask_ = sample_interval_ - 1;
+  while ((uint64_t{1} << sample_shift_) < sample_interval_) ++sample_shift_;
+  wide_read_view_ = os.ViewsReachPastFileEnd();
   path_ = NewDataFilePath();
   if (!path_.empty()) {
     os.CreateDirectories(DataDirectory());
@@ -82,9 +87,10 @@ CZUFileArrayImp<T>::~CZUFileArrayImp() {
 
 template <typename T>
 void CZUFileArrayImp<T>::ReleaseFile() {
+  DropStage();
   platform::Platform& os = platform::Current();
   os.UnmapView(write_view_, kChunkBytes);
-  os.UnmapView(read_view_, kChunkBytes);
+  os.UnmapView(read_view_, ReadViewBytes());
   write_view_ = nullptr;
   read_view_ = nullptr;
   os.CloseMapping(mapping_);
@@ -97,6 +103,7 @@ void CZUFileArrayImp<T>::ReleaseFile() {
 
 template <typename T>
 void CZUFileArrayImp<T>::Reset() {
+  DropStage();
   boundary_samples_.clear();
   page_samples_.clear();
   size_ = 0;
@@ -105,7 +112,7 @@ void CZUFileArrayImp<T>::Reset() {
   // address space.
   platform::Platform& os = platform::Current();
   os.UnmapView(write_view_, kChunkBytes);
-  os.UnmapView(read_view_, kChunkBytes);
+  os.UnmapView(read_view_, ReadViewBytes());
   write_view_ = nullptr;
   read_view_ = nullptr;
   ready_ = false;
@@ -123,18 +130,30 @@ bool CZUFileArrayImp<T>::MapView(uint64_t position, View view) {
   const bool writable = view == View::kWrite;
   T*& target = writable ? write_view_ : read_view_;
   void* hint = target;
+  // A wide read view starts at the file's start and spans the whole segment.
+  const bool wide = !writable && wide_read_view_;
+  const size_t length = wide ? kSegmentBytes : kChunkBytes;
   if (target != nullptr) {
-    if (writable) os.FlushView(target, kChunkBytes);
-    os.UnmapView(target, kChunkBytes);
+    if (writable) {
+      WriteStage();  // staged elements belong to the chunk this view covers
+      os.FlushView(target, kChunkBytes);
+    }
+    os.UnmapView(target, length);
     target = nullptr;
   }
   const uint64_t chunk = position / kChunkLength;
+  const uint64_t offset = wide ? 0 : chunk * kChunkBytes;
   for (int attempt = 0; attempt < kMapAttempts; ++attempt) {
-    void* address = os.MapView(mapping_, chunk * kChunkBytes, kChunkBytes, writable,
-                               attempt == 0 ? hint : nullptr);
+    void* address = os.MapView(mapping_, offset, length, writable, attempt == 0 ? hint : nullptr);
     if (address != nullptr) {
       target = static_cast<T*>(address);
-      if (writable) write_chunk_ = chunk;
+      if (writable) {
+        write_chunk_ = chunk;
+      } else {
+        // Searches and random reads touch single pages: read-ahead would only fetch pages
+        // nobody asked for. Bulk copies ask for their range themselves.
+        os.AdviseView(address, length, platform::ViewAdvice::kRandom);
+      }
       return true;
     }
   }
@@ -149,6 +168,7 @@ bool CZUFileArrayImp<T>::Grow(uint64_t capacity) {
   {
     CZUScopedLock write(write_lock_);
     CZUScopedLock read(read_lock_);
+    WriteStage();  // while the write view can still take it
     platform::Platform& os = platform::Current();
     if (write_view_ != nullptr) {
       os.FlushView(write_view_, kChunkBytes);
@@ -164,7 +184,9 @@ bool CZUFileArrayImp<T>::Grow(uint64_t capacity) {
       Reset();
       no_space = true;
     } else {
-      mapped = MapView(size_, View::kWrite) && MapView(read_position_, View::kRead);
+      // A wide read view already reaches the new end; it is mapped once.
+      mapped = MapView(size_, View::kWrite) &&
+               ((wide_read_view_ && read_view_ != nullptr) || MapView(read_position_, View::kRead));
       if (mapped) mapped_capacity_ = capacity;
     }
   }
@@ -174,6 +196,13 @@ bool CZUFileArrayImp<T>::Grow(uint64_t capacity) {
 
 template <typename T>
 const T* CZUFileArrayImp<T>::ReadChunk(uint64_t chunk) {
+  if (wide_read_view_) {
+    if (read_view_ == nullptr) {
+      read_position_ = chunk * kChunkLength;
+      if (!MapView(read_position_, View::kRead)) return nullptr;
+    }
+    return read_view_ + chunk * kChunkLength;
+  }
   if (read_view_ == nullptr || read_position_ / kChunkLength != chunk) {
     read_position_ = chunk * kChunkLength;
     if (!MapView(read_position_, View::kRead)) return nullptr;
@@ -183,18 +212,43 @@ const T* CZUFileArrayImp<T>::ReadChunk(uint64_t chunk) {
 
 template <typename T>
 void CZUFileArrayImp<T>::RecordSamples(uint64_t index, const T& value) {
+  if ((index & sample_mask_) != 0) return;  // the common case: nothing to record
   if (index % kChunkLength == 0) {
     boundary_samples_.push_back(value);
     page_samples_.push_back(std::vector<T>());
   }
-  if (index % sample_interval_ == 0 && page_samples_.size() != 0) {
-    page_samples_.back().push_back(value);
+  if (page_samples_.size() != 0) page_samples_.back().push_back(value);
+}
+
+template <typename T>
+void CZUFileArrayImp<T>::WriteStage() {
+  if (staged_ == 0) return;
+  CZUScopedLock write(write_lock_);
+  const uint64_t first = size_ - staged_;
+  const T* data = stage_.get() + first % kStageLength;
+  const size_t bytes = static_cast<size_t>(staged_) * sizeof(T);
+  staged_ = 0;
+  if (platform::Current().WriteAt(file_, first * sizeof(T), data, bytes) ==
+      platform::IoStatus::kOk) {
+    return;
   }
+  // The blocks are reserved and the write view covers the staged chunk (it is only moved
+  // after the stage was written), so a copy through it cannot fail.
+  if (write_view_ != nullptr && write_chunk_ == first / kChunkLength) {
+    std::memcpy(static_cast<void*>(write_view_ + first % kChunkLength), data, bytes);
+  }
+}
+
+template <typename T>
+void CZUFileArrayImp<T>::DropStage() {
+  staged_ = 0;
+  stage_.reset();
 }
 
 template <typename T>
 void CZUFileArrayImp<T>::FlushIfPending() {
   if (!flush_pending_ || write_view_ == nullptr) return;
+  WriteStage();
   // The written part of the current chunk; right after a chunk boundary the whole view.
   size_t bytes = static_cast<size_t>(size_ % kChunkLength) * sizeof(T);
   platform::Current().FlushView(write_view_, bytes == 0 ? kChunkBytes : bytes);
@@ -204,6 +258,7 @@ void CZUFileArrayImp<T>::FlushIfPending() {
 template <typename T>
 T* CZUFileArrayImp<T>::GetWritePtr(int64_t index) {
   static T dummy{};
+  WriteStage();  // the address handed out must reach the file's copy of the element
   CZUScopedLock read(read_lock_);
   const auto i = static_cast<uint64_t>(index);
   if (dead_ || size_ == 0 || i >= size_) return &dummy;
@@ -221,17 +276,20 @@ const T* CZUFileArrayImp<T>::GetReadPtr(int64_t index) {
   if (dead_) return &dummy;
   const auto i = static_cast<uint64_t>(index);
   const uint64_t chunk = i / kChunkLength;
-  if (ready_) {
+  if (ready_ && (i & sample_mask_) == 0) {
     // Sampled elements never need the file. A sample exists only for an appended element.
     if (i % kChunkLength == 0) {
       if (chunk < boundary_samples_.size()) return &boundary_samples_[chunk];
-    } else if (i % sample_interval_ == 0 && chunk < page_samples_.size()) {
+    } else if (chunk < page_samples_.size()) {
       const std::vector<T>& samples = page_samples_[chunk];
-      const uint64_t entry = (i % kChunkLength) / sample_interval_;
+      const uint64_t entry = (i % kChunkLength) >> sample_shift_;
       if (entry < samples.size()) return &samples[entry];
     }
   }
   if (i >= size_) return &dummy;
+  // Staged elements are answered from the stage (the address stays valid until that slot is
+  // reused, well after any caller has copied the element).
+  if (i >= size_ - staged_) return stage_.get() + i % kStageLength;
   const T* view = ReadChunk(chunk);
   if (view == nullptr) return &dummy;
   read_position_ = i;
@@ -252,6 +310,7 @@ const T* CZUFileArrayImp<T>::GetBackReadPtr() {
 template <typename T>
 void CZUFileArrayImp<T>::Clear() {
   if (dead_) return;
+  WriteStage();  // the file keeps what was appended, as it keeps every other element
   size_ = 0;
   CZUScopedLock write(write_lock_);
   // A segment that never grew has nothing to map yet; that is not a failure.
@@ -261,12 +320,7 @@ void CZUFileArrayImp<T>::Clear() {
 }
 
 template <typename T>
-int64_t CZUFileArrayImp<T>::GetSize() {
-  return static_cast<int64_t>(size_);
-}
-
-template <typename T>
-void CZUFileArrayImp<T>::PushBack(const T& value) {
+void CZUFileArrayImp<T>::PushBackSlow(const T& value) {
   if (dead_ || size_ >= kMaxSize) return;
   if (size_ >= capacity_) {
     capacity_ += kChunkLength;
@@ -278,10 +332,18 @@ void CZUFileArrayImp<T>::PushBack(const T& value) {
   if (write_view_ == nullptr || write_chunk_ != size_ / kChunkLength) {
     if (!MapView(size_, View::kWrite)) return;
   }
+  if (!stage_) stage_ = std::make_unique<T[]>(kStageLength);
   RecordSamples(size_, value);
-  write_view_[size_ % kChunkLength] = value;
+  stage_[size_ % kStageLength] = value;
   ++size_;
+  ++staged_;
   last_value_ = value;
+  // Whole stage-aligned runs go out at once; they never cross a chunk, so the write view
+  // still covers them.
+  if (size_ % kStageLength == 0) {
+    WriteStage();
+    if (size_ >= kMaxSize) stage_.reset();  // a full segment takes no more single appends
+  }
   FlushIfPending();
 }
 
@@ -293,7 +355,7 @@ void CZUFileArrayImp<T>::Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T
 
 template <typename T>
 void CZUFileArrayImp<T>::AppendRun(ArrayIterBase* first, ContiguousRange* contiguous,
-                                   uint64_t count, bool guarded) {
+                                   uint64_t count, bool guarded, BulkTail* tail) {
   // A plain buffer goes to the file with pwrite: the page cache keeps the views coherent, and
   // it spares a page fault per page of a freshly mapped view.
   const uint64_t start = size_;
@@ -318,6 +380,8 @@ void CZUFileArrayImp<T>::AppendRun(ArrayIterBase* first, ContiguousRange* contig
     contiguous->count -= bulk;
     size_ += bulk;
     count -= bulk;
+    std::memcpy(static_cast<void*>(&tail->value), bytes + (bulk - 1) * sizeof(T), sizeof(T));
+    tail->end = size_;
   }
   if (count == 0) return;
   if (write_view_ == nullptr || write_chunk_ != size_ / kChunkLength) {
@@ -360,6 +424,7 @@ void CZUFileArrayImp<T>::AppendRun(ArrayIterBase* first, ContiguousRange* contig
 template <typename T>
 void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
   if (dead_) return;
+  WriteStage();  // the range follows the staged elements in the file
   ArrayIterBase* source = first.base();
   const int64_t wanted = RangeCount(source, last.base());
   if (wanted <= 0 || size_ >= kMaxSize) return;
@@ -370,12 +435,13 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   }
   CZUScopedLock write(write_lock_);
   ContiguousRange contiguous = FindContiguous(source, last.base(), sizeof(T));
+  BulkTail tail;
   // The rest of a partly filled chunk first; only whole chunks are guarded against a
   // misbehaving source.
   if (size_ % kChunkLength != 0) {
     const uint64_t run = std::min(kChunkLength - size_ % kChunkLength, count);
     const uint64_t before = size_;
-    AppendRun(source, &contiguous, run, false);
+    AppendRun(source, &contiguous, run, false, &tail);
     if (size_ - before < run)
       count = 0;  // source exhausted or segment dead
     else
@@ -384,7 +450,7 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   while (count > 0 && !dead_) {
     const uint64_t run = std::min(count, kChunkLength);
     const uint64_t before = size_;
-    AppendRun(source, &contiguous, run, true);
+    AppendRun(source, &contiguous, run, true, &tail);
     if (size_ - before < run) break;
     count -= run;
   }
@@ -394,12 +460,15 @@ void CZUFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T
   if (write_view_ == nullptr || write_chunk_ != last_index / kChunkLength) {
     if (!MapView(last_index, View::kWrite)) return;
   }
-  last_value_ = write_view_[last_index % kChunkLength];
+  // When the range ended with a file write, the element just written is at hand; reading it
+  // back through the fresh view would cost a page fault per call.
+  last_value_ = tail.end == size_ ? tail.value : write_view_[last_index % kChunkLength];
   FlushIfPending();
 }
 
 template <typename T>
 void CZUFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) {
+  WriteStage();
   CZUScopedLock read(read_lock_);
   const uint64_t want = count > 0 ? static_cast<uint64_t>(count) : 0;
   uint64_t remaining = want;
@@ -411,6 +480,10 @@ void CZUFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) {
     if (view == nullptr) break;
     const uint64_t within = position % kChunkLength;
     const uint64_t k = std::min({kChunkLength - within, size_ - position, remaining});
+    // The read view is advised for single pages; a larger copy asks for its range at once.
+    if (k * sizeof(T) >= kAdviseBytes) {
+      platform::Current().AdviseView(view + within, k * sizeof(T), platform::ViewAdvice::kWillNeed);
+    }
     std::memcpy(dest, view + within, k * sizeof(T));
     read_position_ = position;
     dest += k;
@@ -438,6 +511,7 @@ void CZUFileArrayImp<T>::SetElement(uint64_t index, const T& value) {
 
 template <typename T>
 base::DictionaryValue* CZUFileArrayImp<T>::Describe() {
+  WriteStage();  // whoever attaches the file finds every element described
   auto* entry = new base::DictionaryValue();
   entry->SetString("file_path", path_);
   entry->SetInteger("size", static_cast<int>(size_));
@@ -498,6 +572,11 @@ bool CZUFileArrayImp<T>::Attach(const base::DictionaryValue& entry) {
   for (uint64_t index = 0; index < size_; index += sample_interval_) {
     const T* view = ReadChunk(index / kChunkLength);
     if (view == nullptr) return false;
+    if (index % kChunkLength == 0) {
+      // Every page of the chunk is sampled: fetch the chunk at once rather than page by page.
+      const uint64_t in_chunk = std::min<uint64_t>(kChunkLength, size_ - index);
+      os.AdviseView(view, in_chunk * sizeof(T), platform::ViewAdvice::kWillNeed);
+    }
     RecordSamples(index, view[index % kChunkLength]);
   }
   if (size_ > 0) {
@@ -531,6 +610,7 @@ uint64_t CZUFileArrayImp<T>::ScanPage(uint64_t chunk, uint64_t start, const T& v
 template <typename T>
 uint64_t CZUFileArrayImp<T>::SegmentLowerBound(const T& value) {
   if (dead_) return size_;
+  WriteStage();
   CZUScopedLock read(read_lock_);
   uint64_t chunk = 0;
   if (!ChunkBelow(value, &chunk)) return 0;
@@ -544,6 +624,7 @@ uint64_t CZUFileArrayImp<T>::SegmentLowerBound(const T& value) {
 template <typename T>
 uint64_t CZUFileArrayImp<T>::SegmentUpperBound(const T& value) {
   if (dead_) return size_;
+  WriteStage();
   CZUScopedLock read(read_lock_);
   const uint64_t b = BisectUpper(boundary_samples_.size(), value, Elements(boundary_samples_));
   if (b == 0) return 0;
@@ -571,6 +652,7 @@ uint64_t CZUFileArrayImp<T>::SegmentLocateLowerBound(const T& value) {
 template <typename T>
 uint64_t CZUFileArrayImp<T>::SegmentFindNearest(T* inout, uint64_t tolerance) {
   if (dead_) return size_;
+  WriteStage();
   CZUScopedLock read(read_lock_);
   CZUScopedLock write(write_lock_);
   const T value = *inout;

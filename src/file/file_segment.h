@@ -1,8 +1,16 @@
 // CZUFileArrayImp<T>: one append-only run of up to 128 MiB of elements kept in one temporary
 // file of the data directory, the unit from which the multi-file storage is built.
 //
-// The file is reached through two views of one chunk (1 MiB) each: a write view on the chunk
-// that holds the end of the data, and a read view that follows the last random read. Besides
+// The file is reached through two views: a write view of one chunk (1 MiB) on the chunk that
+// holds the end of the data, and a read view. Where the platform lets a view reach past the
+// end of its file (64-bit POSIX), the read view covers the whole segment, is mapped once and
+// never moves, so random reads cost no remapping; elsewhere it is one chunk long and follows
+// the last random read. Read views are advised for random access (a search touches one page,
+// which is all that should be read from disk); bulk copies ask for their range up front.
+// Elements appended one at a time are gathered in a small stage and written to the file in
+// page-aligned runs, which spares a page fault per page of the write view; everything that
+// looks at the file (reads, searches, descriptions, the write view) writes the stage first or
+// answers from it, so the stage is never visible. Besides
 // the file it keeps in memory a copy of every element whose index is a multiple of the chunk
 // length (boundary samples) and of the sample interval, one page of data (page samples, one
 // vector per chunk), so that a search over sorted data narrows down without touching the
@@ -16,13 +24,17 @@
 //
 // Ownership: the segment owns its file and deletes it when destroyed (also a file it was
 // attached to). Element addresses it returns stay valid until the next remap of that view.
-// Thread-safety: two locks guard the views (read view: read lock; write view, size and
+// Thread-safety: two locks guard the views (read view: read lock; write view, stage, size and
 // samples during appends: write lock). Growth takes write then read; destruction and attach
-// take read then write. One writer at a time; do not destroy or attach while appending.
+// take read then write. One writer at a time; do not destroy or attach while appending. A
+// single append that only joins the stage (no sample, no file write, no view) takes no lock:
+// it is the one writer's own state, and the lock's atomic operation would cost more than the
+// append.
 #ifndef ZU_FILE_FILE_SEGMENT_H_
 #define ZU_FILE_FILE_SEGMENT_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -43,12 +55,18 @@ constexpr uint64_t kSegmentBytes = 0x8000000;
 // Vectors per block of the page-sample container.
 constexpr unsigned int kPageSampleBlock = 1024;
 
+// Bytes of elements gathered by single appends before they go to the file in one write.
+constexpr uint64_t kStageBytes = 0x10000;
+
 template <typename T>
-class CZUFileArrayImp : public IZUArrayImp<T> {
+class CZUFileArrayImp final : public IZUArrayImp<T> {
  public:
   // Elements per view / growth step, and per segment.
   static constexpr uint64_t kChunkLength = kChunkBytes / sizeof(T);
   static constexpr uint64_t kMaxSize = kSegmentBytes / sizeof(T);
+  // Elements per stage; a stage-aligned run never crosses a chunk.
+  static constexpr uint64_t kStageLength =
+      kStageBytes / sizeof(T) < kChunkLength ? kStageBytes / sizeof(T) : kChunkLength;
   using PageSamples = std::xdeque<std::vector<T>, kPageSampleBlock>;
 
   // Creates the segment's file in the data directory (creating the directory first). A file
@@ -68,9 +86,26 @@ class CZUFileArrayImp : public IZUArrayImp<T> {
   const T* GetBackReadPtr() override;
   // Size to 0, samples dropped; the file keeps its length so refilling does not grow it.
   void Clear() override;
-  int64_t GetSize() override;
-  // Appends one element; a full segment ignores it.
-  void PushBack(const T& value) override;
+  int64_t GetSize() override { return static_cast<int64_t>(size_); }
+  // Appends one element; a full segment ignores it. Inline for its common case: an element
+  // that joins a stage run already begun, records no sample and does not complete the run
+  // touches neither a view, nor the file, nor the samples, so it takes no lock (appends come
+  // from one thread at a time); everything else goes through PushBackSlow under the write
+  // lock.
+  void PushBack(const T& value) override {
+    const uint64_t index = size_;
+    if (staged_ != 0 && (index & sample_mask_) != 0 && (index + 1) % kStageLength != 0 && !dead_ &&
+        !flush_pending_) {
+      // staged_ != 0: the stage exists, the run holding `index` has begun (a completed run is
+      // written at once), so the chunk is mapped and within capacity, and index < kMaxSize.
+      stage_[index % kStageLength] = value;
+      size_ = index + 1;
+      ++staged_;
+      last_value_ = value;
+      return;
+    }
+    PushBackSlow(value);
+  }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   // Appends up to the segment's capacity (the rest is left in the source) and leaves `first`
   // after the last element taken.
@@ -105,6 +140,8 @@ class CZUFileArrayImp : public IZUArrayImp<T> {
   uint64_t LastSamplePosition();
 
   bool dead() const { return dead_; }
+  // True when the read view covers the whole segment rather than one chunk.
+  bool wide_read_view() const { return wide_read_view_; }
   bool ready() const { return ready_; }
   uint64_t sample_interval() const { return sample_interval_; }
   const std::wstring& path() const { return path_; }
@@ -121,15 +158,31 @@ class CZUFileArrayImp : public IZUArrayImp<T> {
   // Makes the file hold `capacity` elements and maps both views. Throws
   // ZuArrayNoSpaceException (after releasing the locks) when the file cannot grow.
   bool Grow(uint64_t capacity);
-  // Maps the read view on `chunk` if it is elsewhere; null when that fails.
+  // Maps the read view on `chunk` if it is elsewhere (a wide view once); the address of the
+  // chunk's first element, or null when mapping fails.
   const T* ReadChunk(uint64_t chunk);
+  // Bytes one read view spans.
+  size_t ReadViewBytes() const { return wide_read_view_ ? kSegmentBytes : kChunkBytes; }
+  // Writes the staged elements to the file (through the write view should the write be
+  // refused: the blocks are reserved, so the view always takes them). No-op when none.
+  void WriteStage();
+  // Forgets the staged elements (the segment is dropping its file or its elements).
+  void DropStage();
   // Records the samples for element `index` (the next one to be appended).
   void RecordSamples(uint64_t index, const T& value);
+  // The last element a file write of AppendRun took from the source, and the size after it.
+  struct BulkTail {
+    T value{};
+    uint64_t end = 0;  // 0: no file write yet
+  };
   // Writes up to `count` source elements into the current chunk at size_, advancing size_ and
-  // `first`: the contiguous part with one file write, the rest through the write view. With
-  // `guarded`, an element whose copy throws is reported and skipped.
-  void AppendRun(ArrayIterBase* first, ContiguousRange* contiguous, uint64_t count, bool guarded);
+  // `first`: the contiguous part with one file write (noted in `tail`), the rest through the
+  // write view. With `guarded`, an element whose copy throws is reported and skipped.
+  void AppendRun(ArrayIterBase* first, ContiguousRange* contiguous, uint64_t count, bool guarded,
+                 BulkTail* tail);
   void FlushIfPending();
+  // PushBack for every case that may grow, map, sample, write or flush.
+  void PushBackSlow(const T& value);
   void ReleaseFile();
 
   // Exact lower bound over [start, start + len) of chunk `chunk`, which the read view holds.
@@ -142,11 +195,11 @@ class CZUFileArrayImp : public IZUArrayImp<T> {
   std::wstring path_;  // the owned file's path; empty when none is owned
   platform::MappingHandle mapping_ = platform::kNoMapping;  // sized to mapped_capacity_
   CZUCriticalSection read_lock_;                            // guards read_view_ and read_position_
-  CZUCriticalSection write_lock_;    // guards write_view_, size_ and samples on append
-  T* read_view_ = nullptr;           // chunk read_position_ / kChunkLength, or null
-  T* write_view_ = nullptr;          // chunk write_chunk_, or null
-  uint64_t write_chunk_ = 0;         // chunk the write view covers when mapped
-  uint64_t size_ = 0;                // size_ <= capacity_ <= mapped_capacity_
+  CZUCriticalSection write_lock_;  // guards write_view_, size_ and samples on append
+  T* read_view_ = nullptr;    // the whole segment, or chunk read_position_ / kChunkLength; or null
+  T* write_view_ = nullptr;   // chunk write_chunk_, or null
+  uint64_t write_chunk_ = 0;  // chunk the write view covers when mapped
+  uint64_t size_ = 0;         // size_ <= capacity_ <= mapped_capacity_
   uint64_t read_position_ = 0;       // last index read through the read view
   uint64_t capacity_ = 0;            // elements the file is sized for; multiple of chunk
   T last_value_{};                   // copy of the last appended element
@@ -154,6 +207,11 @@ class CZUFileArrayImp : public IZUArrayImp<T> {
   PageSamples page_samples_;         // per chunk: elements at multiples of the interval
   uint64_t mapped_capacity_ = 0;     // elements covered by mapping_
   uint64_t sample_interval_ = 1;     // power of two dividing kChunkLength
+  uint64_t sample_mask_ = 0;         // sample_interval_ - 1
+  unsigned sample_shift_ = 0;        // log2(sample_interval_)
+  std::unique_ptr<T[]> stage_;       // single appends not yet written; slot = index mod stage
+  uint64_t staged_ = 0;              // the last staged_ elements (below size_) are in stage_
+  bool wide_read_view_ = false;      // the read view spans the segment from offset 0
   bool dead_ = false;                // failed: every operation is a no-op
   bool flush_pending_ = false;       // flush the write view after the next append
   bool ready_ = false;               // file open and samples valid

@@ -64,14 +64,6 @@ bool CZUMultiFileArrayImp<T>::AddSegment(const T& head) {
 }
 
 template <typename T>
-void CZUMultiFileArrayImp<T>::PushBack(const T& value) {
-  if (segments_.empty() || static_cast<uint64_t>(segments_.back()->GetSize()) >= kSegmentCapacity) {
-    AddSegment(value);  // a dead segment ignores the value
-  }
-  segments_.back()->PushBack(value);
-}
-
-template <typename T>
 void CZUMultiFileArrayImp<T>::Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
   this->Clear();
   this->Append(first, last);

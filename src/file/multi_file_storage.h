@@ -25,7 +25,7 @@
 namespace zu {
 
 template <typename T>
-class CZUMultiFileArrayImp : public IZUArrayImp<T> {
+class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
  public:
   using Segment = CZUFileArrayImp<T>;
   // Elements per segment.
@@ -43,7 +43,14 @@ class CZUMultiFileArrayImp : public IZUArrayImp<T> {
   // Drops every segment; their files are deleted.
   void Clear() override;
   int64_t GetSize() override;
-  void PushBack(const T& value) override;
+  // Inline: single appends are the storage's hottest path.
+  void PushBack(const T& value) override {
+    if (segments_.empty() ||
+        static_cast<uint64_t>(segments_.back()->GetSize()) >= kSegmentCapacity) {
+      AddSegment(value);  // a dead segment ignores the value
+    }
+    segments_.back()->PushBack(value);
+  }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   void Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   // Copies up to count elements from offset, across segment borders; count returns how many.

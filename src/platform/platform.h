@@ -14,6 +14,7 @@
 #ifndef ZU_PLATFORM_PLATFORM_H_
 #define ZU_PLATFORM_PLATFORM_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -30,6 +31,12 @@ constexpr FileHandle kInvalidFile = -1;
 // descriptor of the file it was made from.
 using MappingHandle = intptr_t;
 constexpr MappingHandle kNoMapping = 0;
+
+// How a view is going to be read, so the system can fetch the right amount of data.
+enum class ViewAdvice {
+  kRandom,    // isolated reads: fetch only the page touched (no read-ahead around it)
+  kWillNeed,  // this range is read next: start fetching all of it now
+};
 
 // Outcome of an operation that may run out of room.
 enum class IoStatus {
@@ -75,6 +82,14 @@ class Platform {
   virtual void UnmapView(void* view, size_t length) = 0;
   // Starts write-back of a range of a view; never waits for it.
   virtual void FlushView(void* address, size_t length) = 0;
+  // True when a view may reach past the end of its file and then serves the file as it grows:
+  // pages beyond the end are only reachable once the file covers them, and the view stays
+  // valid when the mapping object it came from is replaced by a larger one. A file then needs
+  // one read view for its whole life instead of one per chunk. False where a view is bounded
+  // by its mapping object (Windows) or address space is scarce (32-bit builds).
+  virtual bool ViewsReachPastFileEnd() = 0;
+  // A hint about how a range of a view will be read; it never changes what the view holds.
+  virtual void AdviseView(const void* address, size_t length, ViewAdvice advice) = 0;
   virtual size_t PageSize() = 0;
   virtual size_t AllocationGranularity() = 0;
 
@@ -102,7 +117,9 @@ Platform& Native();
 // Installs `platform` as Current() (null restores Native()). Tests only; not thread-safe.
 void SetCurrentForTesting(Platform* platform);
 
-// A re-entrant lock (a critical section on Windows, std::recursive_mutex on POSIX).
+// A re-entrant lock (a critical section on Windows; on POSIX an owner-checked lock whose
+// uncontended path is inline, since a file segment takes one for every element appended).
+#if defined(_WIN32)
 class RecursiveLock {
  public:
   RecursiveLock();
@@ -113,10 +130,56 @@ class RecursiveLock {
   void Unlock();
 
  private:
-  // Storage for the OS lock object, sized for the largest backend; never touched outside the
-  // backend's .cc file.
+  // Storage for the critical section; never touched outside the backend's .cc file.
   alignas(16) unsigned char storage_[64];
 };
+#else
+class RecursiveLock {
+ public:
+  RecursiveLock() = default;
+  ~RecursiveLock() = default;
+  RecursiveLock(const RecursiveLock&) = delete;
+  RecursiveLock& operator=(const RecursiveLock&) = delete;
+
+  void Lock() {
+    const uintptr_t self = ThreadTag();
+    // Only this thread can have stored its own tag, so a relaxed read decides re-entry.
+    if (owner_.load(std::memory_order_relaxed) == self) {
+      ++depth_;
+      return;
+    }
+    uint32_t expected = kFree;
+    if (!state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire,
+                                        std::memory_order_relaxed)) {
+      LockContended();
+    }
+    owner_.store(self, std::memory_order_relaxed);
+    depth_ = 1;
+  }
+
+  void Unlock() {
+    if (--depth_ != 0) return;
+    owner_.store(0, std::memory_order_relaxed);
+    if (state_.exchange(kFree, std::memory_order_release) == kContended) WakeOne();
+  }
+
+ private:
+  static constexpr uint32_t kFree = 0;
+  static constexpr uint32_t kLocked = 1;     // held, nobody waiting
+  static constexpr uint32_t kContended = 2;  // held, and a thread may be waiting
+
+  // A value that differs between any two live threads: the thread pointer.
+  static uintptr_t ThreadTag() { return reinterpret_cast<uintptr_t>(__builtin_thread_pointer()); }
+  // Out of line in the backend: waits until the lock is free and takes it (state kContended).
+  void LockContended();
+  // Wakes one thread waiting in LockContended.
+  void WakeOne();
+
+  std::atomic<uint32_t> state_{kFree};
+  std::atomic<uintptr_t> owner_{0};  // ThreadTag() of the holder; 0 when free
+  uint32_t depth_ = 0;               // re-entries of the holder; written by the holder only
+};
+#endif
 
 // The one diagnostic channel of the library ("write conflict"). By default a message goes to
 // the debugger output on Windows and to stderr as one line on POSIX; a host can replace the

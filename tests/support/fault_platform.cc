@@ -62,6 +62,13 @@ void* FaultPlatform::MapView(MappingHandle mapping, uint64_t offset, size_t leng
 
 void FaultPlatform::UnmapView(void* view, size_t length) { native_.UnmapView(view, length); }
 void FaultPlatform::FlushView(void* address, size_t length) { native_.FlushView(address, length); }
+bool FaultPlatform::ViewsReachPastFileEnd() {
+  return !chunk_read_views_ && native_.ViewsReachPastFileEnd();
+}
+void FaultPlatform::AdviseView(const void* address, size_t length,
+                               zu::platform::ViewAdvice advice) {
+  native_.AdviseView(address, length, advice);
+}
 size_t FaultPlatform::PageSize() { return native_.PageSize(); }
 size_t FaultPlatform::AllocationGranularity() { return native_.AllocationGranularity(); }
 void FaultPlatform::CreateDirectories(const std::wstring& path) { native_.CreateDirectories(path); }

@@ -25,6 +25,9 @@ class FaultPlatform : public zu::platform::Platform {
   // call fails too. Mapping creation and writes report "no space".
   void Fail(FaultOp op, int nth, bool forever = false);
   int Calls(FaultOp op) const { return calls_[Index(op)]; }
+  // Makes segments created from now on use one-chunk read views, as on Windows and in 32-bit
+  // builds, even where the OS backend lets a read view cover the whole file.
+  void UseChunkReadViews(bool chunk_views) { chunk_read_views_ = chunk_views; }
 
   using FileHandle = zu::platform::FileHandle;
   using MappingHandle = zu::platform::MappingHandle;
@@ -43,6 +46,8 @@ class FaultPlatform : public zu::platform::Platform {
                 void* hint) override;
   void UnmapView(void* view, size_t length) override;
   void FlushView(void* address, size_t length) override;
+  bool ViewsReachPastFileEnd() override;
+  void AdviseView(const void* address, size_t length, zu::platform::ViewAdvice advice) override;
   size_t PageSize() override;
   size_t AllocationGranularity() override;
   void CreateDirectories(const std::wstring& path) override;
@@ -62,6 +67,7 @@ class FaultPlatform : public zu::platform::Platform {
   std::array<int, kOps> calls_{};     // calls per operation since construction
   std::array<int, kOps> fail_at_{};   // 0 = never; else the call number that fails first
   std::array<bool, kOps> forever_{};  // fail every call from fail_at_ on
+  bool chunk_read_views_ = false;     // answer "no" to ViewsReachPastFileEnd
 };
 
 }  // namespace zu_test

@@ -8,6 +8,7 @@
 //    blocks (fallocate), so a write through a view can never fault on a full disk.
 //  * Views are never placed with MAP_FIXED: the old address is only a hint.
 //  * Flushing starts write-back and never waits (MS_ASYNC).
+//  * Views may reach past the end of the file (one read view covers a whole data file).
 // Every errno is translated in StatusFromErrno.
 #include <dirent.h>
 #include <fcntl.h>
@@ -271,11 +272,33 @@ class PosixPlatform : public Platform {
     if (address != nullptr && length > 0) ::msync(address, length, MS_ASYNC);
   }
 
-  size_t PageSize() override { return static_cast<size_t>(::sysconf(_SC_PAGESIZE)); }
+  // A shared file mapping may reach past the end of the file; the part the file covers is
+  // readable, whatever length the file had when it was mapped. 32-bit builds keep their
+  // address space for chunk-sized views.
+  bool ViewsReachPastFileEnd() override { return sizeof(void*) >= 8; }
+
+  void AdviseView(const void* address, size_t length, ViewAdvice advice) override {
+    if (address == nullptr || length == 0) return;
+    // madvise wants a page-aligned start; widen the range down to its page.
+    const uintptr_t page = PageSize();
+    const uintptr_t start = reinterpret_cast<uintptr_t>(address) / page * page;
+    const size_t span = length + (reinterpret_cast<uintptr_t>(address) - start);
+    ::madvise(reinterpret_cast<void*>(start), span,
+              advice == ViewAdvice::kRandom ? MADV_RANDOM : MADV_WILLNEED);
+  }
+
+  size_t PageSize() override {
+    static const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    return page;
+  }
   size_t AllocationGranularity() override { return PageSize(); }
 
   void CreateDirectories(const std::wstring& path) override {
     std::string native = WideToUtf8(path);
+    // The usual case, an existing directory (or one whose parents exist), takes one call; only
+    // missing parents make the walk from the root necessary.
+    if (native.empty()) return;
+    if (::mkdir(native.c_str(), kDirectoryMode) == 0 || errno == EEXIST) return;
     for (size_t slash = native.find('/', 1); !native.empty(); slash = native.find('/', slash + 1)) {
       std::string prefix = native.substr(0, slash);
       if (!prefix.empty()) ::mkdir(prefix.c_str(), kDirectoryMode);

@@ -154,6 +154,13 @@ class Win32Platform : public Platform {
     if (address != nullptr) FlushViewOfFile(address, length);
   }
 
+  // A view never reaches past the size of its mapping object, which is replaced whenever the
+  // file grows: read views stay one chunk long and follow the reads.
+  bool ViewsReachPastFileEnd() override { return false; }
+
+  // The memory manager's own read-ahead of mapped files is kept.
+  void AdviseView(const void* /*address*/, size_t /*length*/, ViewAdvice /*advice*/) override {}
+
   size_t PageSize() override { return SystemInfo().dwPageSize; }
   size_t AllocationGranularity() override { return SystemInfo().dwAllocationGranularity; }
 
