@@ -93,7 +93,7 @@ class CZUArrayBase : public CZUArrayCommon<T> {
   int Append(const void* value) override {
     return GuardAdd([&] {
       Container& c = *container_;
-      if (c.size() >= kMaxInMemoryElements) throw std::length_error("vector<T> too long");
+      if (c.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
       c.push_back(*static_cast<const T*>(value));
     });
   }
