@@ -1,5 +1,6 @@
 #include "src/auto/auto_array.h"
 
+#include <utility>
 #include <vector>
 
 namespace zu {
@@ -22,12 +23,31 @@ int CZUAutoDequeArray<T, Alloc>::GuardAndClear(Fn&& add) {
 // kSpillThreshold elements, and the append that would make one more moves them first.
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  if (memory_deque_ != nullptr) return AppendInMemory(*memory_deque_, v);
+  if (memory_vector_ != nullptr) return AppendInMemory(*memory_vector_, v);
+  return AppendToStorage(v);
+}
+
+template <typename T, typename Alloc>
+template <typename Memory>
+int CZUAutoDequeArray<T, Alloc>::AppendInMemory(Memory& memory, const T& value) {
+  // At the threshold the general path moves the elements first.
+  if (memory.size() >= kSpillThreshold) return AppendToStorage(value);
+  return GuardAndClear([&] {
+    memory.push_back(value);
+    return static_cast<int>(kZuOk);
+  });
+}
+
+template <typename T, typename Alloc>
+int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
   return GuardAndClear([&] {
     if (!spilled_ && this->Size() >= kSpillThreshold) {
       int result = SpillToFiles();
       if (result != kZuOk) return result;
     }
-    this->container_->PushBack(*static_cast<const T*>(value));
+    this->container_->PushBack(value);
     return static_cast<int>(kZuOk);
   });
 }
@@ -76,6 +96,7 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
     position += k;
     remaining -= k;
   }
+  SetMemoryStorage(nullptr, nullptr);
   this->container_ = files;  // the in-memory storage goes here
   spilled_ = true;
   return kZuOk;
@@ -153,14 +174,18 @@ bool CZUAutoDequeArray<T, Alloc>::SaveDescription(base::DictionaryValue** out) {
 
 template <typename T, typename Alloc>
 bool CZUAutoDequeArray<T, Alloc>::Init() {
-  this->container_ = std::make_shared<CStdDeque<T, Alloc>>();
+  auto deque = std::make_shared<CStdDeque<T, Alloc>>();
+  this->SetMemoryStorage(deque.get(), nullptr);
+  this->container_ = std::move(deque);
   spilled_ = false;
   return this->container_ != nullptr;
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoVectorArray<T, Alloc>::Init() {
-  this->container_ = std::make_shared<CStdVector<T, Alloc>>();
+  auto vector = std::make_shared<CStdVector<T, Alloc>>();
+  this->SetMemoryStorage(nullptr, vector.get());
+  this->container_ = std::move(vector);
   this->spilled_ = false;
   return this->container_ != nullptr;
 }
