@@ -305,6 +305,37 @@ TEST(Xdeque, BackPushesAfterEveryOtherChangeMatchAStandardDeque) {
   }
 }
 
+// try_push_back pushes only into the remembered place of a block and never allocates; where
+// it refuses, push_back goes on, and both leave the elements a standard deque would hold.
+TEST(Xdeque, TryPushBackFillsOnlyTheRememberedBlock) {
+  SmallDeque d;
+  std::deque<uint32_t> model;
+  EXPECT_FALSE(d.try_push_back(1));  // nothing remembered: no map, no block
+  EXPECT_EQ(d.size(), 0u);
+  EXPECT_EQ(d.map_size(), 0u);
+  d.push_back(0);
+  model.push_back(0);
+  for (uint32_t i = 1; i < kSmallBlock; ++i) {
+    EXPECT_TRUE(d.try_push_back(i));
+    model.push_back(i);
+  }
+  EXPECT_FALSE(d.try_push_back(99)) << "the block is full";
+  EXPECT_FALSE(d.has_block(1));
+  d.push_back(kSmallBlock);
+  model.push_back(kSmallBlock);
+  EXPECT_TRUE(d.has_block(1));
+  EXPECT_TRUE(d.try_push_back(kSmallBlock + 1));
+  model.push_back(kSmallBlock + 1);
+  d.pop_back();
+  model.pop_back();
+  EXPECT_FALSE(d.try_push_back(98)) << "a pop forgets the place";
+  d.push_back(7);
+  model.push_back(7);
+  EXPECT_TRUE(d.try_push_back(8));
+  model.push_back(8);
+  ExpectSame(d, model);
+}
+
 // Copying fails when the countdown reaches zero (negative: never).
 struct ThrowingCopy {
   static int countdown;

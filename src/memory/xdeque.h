@@ -141,8 +141,17 @@ class xdeque {
   template <typename... Args>
   T& emplace_back(Args&&... args) {
     // Inside the remembered block the slot exists: no growth test, no allocation test.
-    if (back_ == back_end_) return EmplaceInNewBlock(std::forward<Args>(args)...);
+    if (__builtin_expect(back_ == back_end_, 0)) FindBack();
     return PlaceBack(std::forward<Args>(args)...);
+  }
+
+  // Pushes at the back only when the place is remembered (no new block, no map growth, nothing
+  // allocated) and answers whether it did. A caller that keeps the container behind a pointer
+  // tries this first and calls push_back out of line, so that its inlined part stays small.
+  bool try_push_back(const T& value) {
+    if (back_ == back_end_) return false;
+    PlaceBack(value);
+    return true;
   }
 
   template <typename... Args>
@@ -294,14 +303,6 @@ class xdeque {
     ++size_;  // only after the element exists: a throwing constructor changes nothing
     back_ = slot + 1;
     return *slot;
-  }
-
-  // The back push that starts a block (or follows any other change): finds the place, then
-  // pushes. Out of line, so that the push inlined into every caller stays a few instructions.
-  template <typename... Args>
-  [[gnu::noinline]] T& EmplaceInNewBlock(Args&&... args) {
-    FindBack();
-    return PlaceBack(std::forward<Args>(args)...);
   }
 
   // Remembers the place just after the last element (its block allocated, the map grown when
