@@ -25,19 +25,24 @@ template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
   const T& v = *static_cast<const T*>(value);
   if (memory_deque_ != nullptr) return AppendInMemory(*memory_deque_, v);
-  if (memory_vector_ != nullptr) return AppendInMemory(*memory_vector_, v);
   return AppendToStorage(v);
+}
+
+// The same over the vector storage: each flavour tests only its own pointer, so that its
+// common case runs straight through.
+template <typename T, typename Alloc>
+int CZUAutoVectorArray<T, Alloc>::Append(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  if (this->memory_vector_ != nullptr) return this->AppendInMemory(*this->memory_vector_, v);
+  return this->AppendToStorage(v);
 }
 
 template <typename T, typename Alloc>
 template <typename Memory>
 int CZUAutoDequeArray<T, Alloc>::AppendInMemory(Memory& memory, const T& value) {
   // At the threshold the general path moves the elements first.
-  if (memory.size() >= kSpillThreshold) return AppendToStorage(value);
-  return GuardAndClear([&] {
-    memory.push_back(value);
-    return static_cast<int>(kZuOk);
-  });
+  if (memory.size() < kSpillThreshold && memory.try_push_back(value)) return kZuOk;
+  return AppendToStorage(value);
 }
 
 template <typename T, typename Alloc>

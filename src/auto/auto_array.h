@@ -69,12 +69,14 @@ class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
   // Runs an add; any exception clears the array and becomes a result code.
   template <typename Fn>
   int GuardAndClear(Fn&& add);
-  // Append on the in-memory storage `memory` (the one container_ holds): the spill test, then
-  // the push without a virtual call.
+  // Append on the in-memory storage `memory` (the one container_ holds): below the threshold
+  // a push that allocates nothing is done at once, without a virtual call or an exception
+  // guard; any other goes through AppendToStorage.
   template <typename Memory>
   int AppendInMemory(Memory& memory, const T& value);
-  // Append through the storage interface, whichever storage holds the elements.
-  int AppendToStorage(const T& value);
+  // Append through the storage interface, whichever storage holds the elements: the spill
+  // test, then PushBack, in the guard. Out of line, so that the inlined path stays small.
+  [[gnu::noinline]] int AppendToStorage(const T& value);
   // Points the typed in-memory pointers at `deque` or `vector` (one of them null).
   void SetMemoryStorage(CStdDeque<T, Alloc>* deque, CStdVector<T, Alloc>* vector) {
     memory_deque_ = deque;
@@ -96,6 +98,8 @@ class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc> {
   CZUAutoVectorArray() { CZUAutoVectorArray::Init(); }
   ~CZUAutoVectorArray() override = default;
 
+  // As the deque flavour's, with the in-memory push going to the vector.
+  int Append(const void* value) override;
   // A fresh, empty in-memory storage (a vector).
   bool Init() override;
 };

@@ -11,9 +11,9 @@
 // Growth failures pass through unchanged: std::bad_alloc, or std::length_error when the
 // container's maximum size is passed.
 //
-// The adapters are final, and their container-style size() and push_back() go straight to the
-// container: an owner that holds the concrete adapter (the auto arrays while in memory)
-// appends without a virtual call, with the same checks as PushBack.
+// The adapters are final, and their container-style size(), push_back() and try_push_back()
+// go straight to the container: an owner that holds the concrete adapter (the auto arrays
+// while in memory) appends without a virtual call, with the same checks as PushBack.
 // Thread-safety: not thread-safe: one thread per storage.
 #ifndef ZU_AUTO_STD_ADAPTERS_H_
 #define ZU_AUTO_STD_ADAPTERS_H_
@@ -61,6 +61,10 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
     // Indexes are 32-bit inside; the deque's map limit is always reached first.
     if (data_.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
     data_.push_back(value);
+  }
+  // A push that allocates nothing (and so cannot fail), or false with nothing done.
+  bool try_push_back(const T& value) {
+    return data_.size() < kMaxInMemoryElements && Ops::TryPushBack(data_, value);
   }
 
   // Offsets and counts compare as unsigned: an offset beyond the size copies nothing, and the
