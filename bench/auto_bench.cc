@@ -1,6 +1,6 @@
 // The self-spilling arrays next to what a host would use instead:
 //  * one-by-one Append in the memory phase next to std::deque / std::vector push_back and the
-//    floors of append_floor.h (an empty and a store-only virtual Append through the same
+//    floors of one_by_one.h (an empty and a store-only virtual Append through the same
 //    interface), at 65536, 4194304 and 8000000 elements (all below the spill threshold);
 //    run with --benchmark_enable_random_interleaving=true --benchmark_repetitions=N;
 //  * the move into files at the threshold next to AppendBuffer of the same elements into a
@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/append_floor.h"
+#include "bench/one_by_one.h"
 #include "src/auto/auto_array.h"
 #include "zu_data_manager/zu_data_manager.h"
 
@@ -58,13 +58,7 @@ long AnonymousResidentKiB() {
 
 template <typename Container>
 void BM_StdPushBack(benchmark::State& state) {
-  const int64_t n = state.range(0);
-  for (auto _ : state) {
-    Container c;
-    for (int64_t i = 0; i < n; ++i) c.push_back(i);
-    benchmark::DoNotOptimize(c.back());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunPushBack<Container>(state, state.range(0));
 }
 
 void BM_FloorEmptyAppend(benchmark::State& state) {
@@ -78,15 +72,10 @@ void BM_FloorStoreAppend(benchmark::State& state) {
 // stays below the spill threshold.
 template <bool kVectorFlavour>
 void BM_AutoAppendInMemory(benchmark::State& state) {
-  const int64_t n = state.range(0);
   CArrayFactory factory;
-  for (auto _ : state) {
-    std::unique_ptr<IZUArray> a(kVectorFlavour ? factory.AllocAutoVectorArray(8)
-                                               : factory.AllocAutoDequeArray(8));
-    for (int64_t i = 0; i < n; ++i) a->Append(&i);
-    benchmark::DoNotOptimize(a->GetSize());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunArrayAppend(state, state.range(0), [&factory] {
+    return kVectorFlavour ? factory.AllocAutoVectorArray(8) : factory.AllocAutoDequeArray(8);
+  });
   state.SetLabel(kVectorFlavour ? "auto vector" : "auto deque");
 }
 

@@ -1,6 +1,6 @@
 // One-by-one appends into the deque array next to std::deque::push_back, side by side at a
 // size that stays in cache (65536) and at one that does not (4194304), with the floors of
-// append_floor.h: an empty virtual Append and a store-only virtual Append through the same
+// one_by_one.h: an empty virtual Append and a store-only virtual Append through the same
 // IZUArray interface. Compare the items/s columns of one size; run with
 // --benchmark_enable_random_interleaving=true --benchmark_repetitions=N for steadier ratios.
 //
@@ -14,22 +14,16 @@
 #include <numeric>
 #include <vector>
 
-#include "bench/append_floor.h"
+#include "bench/one_by_one.h"
 #include "src/memory/deque_array.h"
 #include "src/memory/xdeque.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 namespace {
 
-template <typename Deque>
+template <typename Container>
 void BM_PushBack(benchmark::State& state) {
-  const int64_t n = state.range(0);
-  for (auto _ : state) {
-    Deque d;
-    for (int64_t i = 0; i < n; ++i) d.push_back(static_cast<typename Deque::value_type>(i));
-    benchmark::DoNotOptimize(d.back());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunPushBack<Container>(state, state.range(0));
 }
 
 template <typename T>
@@ -44,14 +38,9 @@ void BM_FloorStoreAppend(benchmark::State& state) {
 
 // A fresh array each iteration, as a fresh std::deque is built for the peer.
 void BM_DequeArrayAppend(benchmark::State& state) {
-  const int64_t n = state.range(0);
   CArrayFactory factory;
-  for (auto _ : state) {
-    std::unique_ptr<IZUArray> a(factory.AllocDequeArray(sizeof(int64_t)));
-    for (int64_t i = 0; i < n; ++i) a->Append(&i);
-    benchmark::DoNotOptimize(a->GetSize());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunArrayAppend(state, state.range(0),
+                           [&factory] { return factory.AllocDequeArray(sizeof(int64_t)); });
 }
 
 constexpr int64_t kAppends = 50'000'000;

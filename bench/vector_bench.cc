@@ -1,5 +1,5 @@
 // AppendBuffer into a vector array next to std::vector::insert of the same buffer, and one-by-one
-// Append next to std::vector::push_back and the floors of append_floor.h (an empty and a
+// Append next to std::vector::push_back and the floors of one_by_one.h (an empty and a
 // store-only virtual Append through the same interface). Compare the bytes/s or items/s
 // columns of one group.
 #include <benchmark/benchmark.h>
@@ -9,7 +9,7 @@
 #include <numeric>
 #include <vector>
 
-#include "bench/append_floor.h"
+#include "bench/one_by_one.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 namespace {
@@ -47,24 +47,13 @@ void BM_VectorArrayAppendBuffer(benchmark::State& state) {
 }
 
 void BM_StdVectorPushBack(benchmark::State& state) {
-  const int64_t n = state.range(0);
-  for (auto _ : state) {
-    std::vector<int64_t> v;
-    for (int64_t i = 0; i < n; ++i) v.push_back(i);
-    benchmark::DoNotOptimize(v.data());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunPushBack<std::vector<int64_t>>(state, state.range(0));
 }
 
 void BM_VectorArrayAppend(benchmark::State& state) {
-  const int64_t n = state.range(0);
   CArrayFactory factory;
-  for (auto _ : state) {
-    std::unique_ptr<IZUArray> a(factory.AllocVectorArray(8));
-    for (int64_t i = 0; i < n; ++i) a->Append(&i);
-    benchmark::DoNotOptimize(a->GetSize());
-  }
-  state.SetItemsProcessed(state.iterations() * n);
+  zu_bench::RunArrayAppend(state, state.range(0),
+                           [&factory] { return factory.AllocVectorArray(8); });
 }
 
 void BM_FloorEmptyAppend(benchmark::State& state) {
