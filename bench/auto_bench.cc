@@ -1,5 +1,8 @@
 // The self-spilling arrays next to what a host would use instead:
-//  * one-by-one Append in the memory phase next to std::deque / std::vector push_back;
+//  * one-by-one Append in the memory phase next to std::deque / std::vector push_back and the
+//    floors of one_by_one.h (an empty and a store-only virtual Append through the same
+//    interface), at 65536, 4194304 and 8000000 elements (all below the spill threshold);
+//    run with --benchmark_enable_random_interleaving=true --benchmark_repetitions=N;
 //  * the move into files at the threshold next to AppendBuffer of the same elements into a
 //    fresh file array;
 //  * a long run of single appends that lives in files, reporting elements per second before
@@ -20,12 +23,11 @@
 #include <string>
 #include <vector>
 
+#include "bench/one_by_one.h"
 #include "src/auto/auto_array.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 namespace {
-
-constexpr int64_t kMemoryPhase = 8'000'000;  // stays below the spill threshold
 
 // A data directory under the system temp dir, removed with everything in it.
 class BenchDir {
@@ -56,25 +58,29 @@ long AnonymousResidentKiB() {
 
 template <typename Container>
 void BM_StdPushBack(benchmark::State& state) {
-  for (auto _ : state) {
-    Container c;
-    for (int64_t i = 0; i < kMemoryPhase; ++i) c.push_back(i);
-    benchmark::DoNotOptimize(c.back());
-  }
-  state.SetItemsProcessed(state.iterations() * kMemoryPhase);
+  zu_bench::RunPushBack<Container>(state, state.range(0));
 }
 
+void BM_FloorEmptyAppend(benchmark::State& state) {
+  zu_bench::RunEmptyFloor(state, state.range(0));
+}
+void BM_FloorStoreAppend(benchmark::State& state) {
+  zu_bench::RunStoreFloor(state, state.range(0));
+}
+
+// A fresh array each iteration, as a fresh container is built for the peers. Every size
+// stays below the spill threshold.
+template <bool kVectorFlavour>
 void BM_AutoAppendInMemory(benchmark::State& state) {
   CArrayFactory factory;
-  bool vector_flavour = state.range(0) != 0;
-  for (auto _ : state) {
-    std::unique_ptr<IZUArray> a(vector_flavour ? factory.AllocAutoVectorArray(8)
-                                               : factory.AllocAutoDequeArray(8));
-    for (int64_t i = 0; i < kMemoryPhase; ++i) a->Append(&i);
-    benchmark::DoNotOptimize(a->GetSize());
-  }
-  state.SetItemsProcessed(state.iterations() * kMemoryPhase);
-  state.SetLabel(vector_flavour ? "auto vector" : "auto deque");
+  zu_bench::RunArrayAppend(state, state.range(0), [&factory] {
+    return kVectorFlavour ? factory.AllocAutoVectorArray(8) : factory.AllocAutoDequeArray(8);
+  });
+  state.SetLabel(kVectorFlavour ? "auto vector" : "auto deque");
+}
+
+void MemoryPhaseSizes(benchmark::internal::Benchmark* b) {
+  b->Arg(65536)->Arg(4194304)->Arg(8'000'000)->Unit(benchmark::kMicrosecond);
 }
 
 const std::vector<int64_t>& ThresholdSource() {
@@ -154,10 +160,12 @@ void BM_AutoLongRun(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK_TEMPLATE(BM_StdPushBack, std::deque<int64_t>)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_AutoAppendInMemory)->Arg(0)->Unit(benchmark::kMillisecond);
-BENCHMARK_TEMPLATE(BM_StdPushBack, std::vector<int64_t>)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_AutoAppendInMemory)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK_TEMPLATE(BM_StdPushBack, std::deque<int64_t>)->Apply(MemoryPhaseSizes);
+BENCHMARK_TEMPLATE(BM_AutoAppendInMemory, false)->Apply(MemoryPhaseSizes);
+BENCHMARK_TEMPLATE(BM_StdPushBack, std::vector<int64_t>)->Apply(MemoryPhaseSizes);
+BENCHMARK_TEMPLATE(BM_AutoAppendInMemory, true)->Apply(MemoryPhaseSizes);
+BENCHMARK(BM_FloorEmptyAppend)->Apply(MemoryPhaseSizes);
+BENCHMARK(BM_FloorStoreAppend)->Apply(MemoryPhaseSizes);
 BENCHMARK(BM_AutoSpillAtThreshold)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_FileArrayAppendBufferSameData)->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK(BM_AutoLongRun)->Unit(benchmark::kSecond)->Iterations(1);

@@ -1,5 +1,7 @@
 // AppendBuffer into a vector array next to std::vector::insert of the same buffer, and one-by-one
-// Append next to std::vector::push_back. Compare the bytes/s columns of each pair.
+// Append next to std::vector::push_back and the floors of one_by_one.h (an empty and a
+// store-only virtual Append through the same interface). Compare the bytes/s or items/s
+// columns of one group.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -7,6 +9,7 @@
 #include <numeric>
 #include <vector>
 
+#include "bench/one_by_one.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 namespace {
@@ -43,31 +46,33 @@ void BM_VectorArrayAppendBuffer(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * kElements * sizeof(int64_t));
 }
 
-constexpr int64_t kOneByOne = 10'000'000;
-
 void BM_StdVectorPushBack(benchmark::State& state) {
-  for (auto _ : state) {
-    std::vector<int64_t> v;
-    for (int64_t i = 0; i < kOneByOne; ++i) v.push_back(i);
-    benchmark::DoNotOptimize(v.data());
-  }
-  state.SetItemsProcessed(state.iterations() * kOneByOne);
+  zu_bench::RunPushBack<std::vector<int64_t>>(state, state.range(0));
 }
 
 void BM_VectorArrayAppend(benchmark::State& state) {
   CArrayFactory factory;
-  for (auto _ : state) {
-    std::unique_ptr<IZUArray> a(factory.AllocVectorArray(8));
-    for (int64_t i = 0; i < kOneByOne; ++i) a->Append(&i);
-    benchmark::DoNotOptimize(a->GetSize());
-  }
-  state.SetItemsProcessed(state.iterations() * kOneByOne);
+  zu_bench::RunArrayAppend(state, state.range(0),
+                           [&factory] { return factory.AllocVectorArray(8); });
+}
+
+void BM_FloorEmptyAppend(benchmark::State& state) {
+  zu_bench::RunEmptyFloor(state, state.range(0));
+}
+void BM_FloorStoreAppend(benchmark::State& state) {
+  zu_bench::RunStoreFloor(state, state.range(0));
+}
+
+void OneByOneSizes(benchmark::internal::Benchmark* b) {
+  b->Arg(65536)->Arg(4194304)->Arg(10'000'000)->Unit(benchmark::kMicrosecond);
 }
 
 }  // namespace
 
 BENCHMARK(BM_StdVectorInsert)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_VectorArrayAppendBuffer)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_StdVectorPushBack)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_VectorArrayAppend)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StdVectorPushBack)->Apply(OneByOneSizes);
+BENCHMARK(BM_VectorArrayAppend)->Apply(OneByOneSizes);
+BENCHMARK(BM_FloorEmptyAppend)->Apply(OneByOneSizes);
+BENCHMARK(BM_FloorStoreAppend)->Apply(OneByOneSizes);
 BENCHMARK_MAIN();

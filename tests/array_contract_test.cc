@@ -162,6 +162,48 @@ TYPED_TEST(ArrayContract, RangesLeaveFirstAtLastAndAssignReplaces) {
   EXPECT_NE(a.AppendRange(&it, last.get()), kZuOk);
 }
 
+// Single appends land after everything added before them: after the ranges that a deque
+// places from the front (a range into an empty array, Assign), across the block boundary that
+// follows such a range, after Clear, and around ranges added at the back.
+TYPED_TEST(ArrayContract, SingleAppendsFollowRangesAndClears) {
+  using T = typename TestFixture::T;
+  IZUArray& a = *this->array_;
+  std::vector<T> values = ValuesOf<T>(AscendingKeys<T>(2000));
+  std::vector<T> expected;
+  auto add_range = [&](size_t from, size_t to, bool assign) {
+    SimpleDataIter<unsigned char> it(reinterpret_cast<unsigned char*>(values.data() + from),
+                                     static_cast<unsigned int>(to - from), sizeof(T));
+    auto last = it.Clone();
+    last->Seek(static_cast<unsigned int>(to - from));
+    ASSERT_EQ(assign ? a.Assign(&it, last.get()) : a.AppendRange(&it, last.get()), kZuOk);
+    if (assign) expected.clear();
+    expected.insert(expected.end(), values.begin() + from, values.begin() + to);
+  };
+  auto add_each = [&](size_t from, size_t to) {
+    for (size_t i = from; i < to; ++i) {
+      ASSERT_EQ(a.Append(&values[i]), kZuOk) << i;
+      expected.push_back(values[i]);
+    }
+  };
+  auto expect_content = [&] {
+    ASSERT_EQ(a.GetSize(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) ASSERT_TRUE(this->Get(i) == expected[i]) << i;
+  };
+
+  ASSERT_NO_FATAL_FAILURE(add_range(0, 100, false));
+  ASSERT_NO_FATAL_FAILURE(add_each(100, 400));
+  ASSERT_NO_FATAL_FAILURE(expect_content());
+  ASSERT_NO_FATAL_FAILURE(add_range(400, 450, true));
+  ASSERT_NO_FATAL_FAILURE(add_each(450, 700));
+  ASSERT_NO_FATAL_FAILURE(expect_content());
+  a.Clear();
+  expected.clear();
+  ASSERT_NO_FATAL_FAILURE(add_each(700, 900));
+  ASSERT_NO_FATAL_FAILURE(add_range(900, 1000, false));
+  ASSERT_NO_FATAL_FAILURE(add_each(1000, 2000));
+  ASSERT_NO_FATAL_FAILURE(expect_content());
+}
+
 TYPED_TEST(ArrayContract, CopyOutStopsAtTheEnd) {
   using T = typename TestFixture::T;
   IZUArray& a = *this->array_;

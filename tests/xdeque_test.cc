@@ -212,6 +212,200 @@ TEST(Xdeque, NonTrivialElementsAreConstructedAndDestroyed) {
   EXPECT_EQ(samples[0][3], 1000);
 }
 
+// The deque remembers where the next back push goes; every other change of the first
+// position or the size must make it look again. Runs of back pushes after each kind of
+// change must land where a standard deque puts them.
+TEST(Xdeque, BackPushesAfterEveryOtherChangeMatchAStandardDeque) {
+  std::mt19937 rng(2024);
+  for (int round = 0; round < 40; ++round) {
+    SmallDeque d;
+    std::deque<uint32_t> model;
+    uint32_t next = 0;
+    for (int step = 0; step < 150; ++step) {
+      uint32_t run = static_cast<uint32_t>(rng() % 9);
+      for (uint32_t i = 0; i < run; ++i, ++next) {
+        d.push_back(next);
+        model.push_back(next);
+      }
+      ASSERT_NO_FATAL_FAILURE(ExpectSame(d, model));
+      uint32_t size = static_cast<uint32_t>(model.size());
+      switch (rng() % 9) {
+        case 0:
+          if (size != 0) {
+            d.pop_back();
+            model.pop_back();
+          }
+          break;
+        case 1:
+          while (!model.empty() && rng() % 4 != 0) {  // sometimes down to empty
+            d.pop_front();
+            model.pop_front();
+          }
+          break;
+        case 2:
+          d.push_front(++next);
+          model.push_front(next);
+          break;
+        case 3: {
+          uint32_t a = size == 0 ? 0 : static_cast<uint32_t>(rng() % size);
+          uint32_t b = a + static_cast<uint32_t>(rng() % (size - a + 1));
+          d.erase(d.begin() + a, d.begin() + b);
+          model.erase(model.begin() + a, model.begin() + b);
+          break;
+        }
+        case 4: {
+          std::vector<uint32_t> src(rng() % 7, ++next);
+          uint32_t where = static_cast<uint32_t>(rng() % (size + 1));
+          d.insert(d.begin() + where, src.data(), src.data() + src.size());
+          model.insert(model.begin() + where, src.begin(), src.end());
+          break;
+        }
+        case 5: {
+          std::vector<uint32_t> src(rng() % 7, ++next);
+          uint32_t where = static_cast<uint32_t>(rng() % (size + 1));
+          d.insert(d.begin() + where, src.begin(), src.end());
+          model.insert(model.begin() + where, src.begin(), src.end());
+          break;
+        }
+        case 6:
+          if (rng() % 4 == 0) {
+            d.clear();
+            model.clear();
+          }
+          break;
+        case 7: {
+          // Swapping exchanges the remembered places too; the other deque pushes as well.
+          SmallDeque other;
+          for (uint32_t i = 0; i < 6; ++i) other.push_back(1000 + i);
+          d.swap(other);
+          other.push_back(++next);
+          model.push_back(next);
+          ASSERT_NO_FATAL_FAILURE(ExpectSame(other, model));
+          d.push_back(1006);
+          ASSERT_NO_FATAL_FAILURE(
+              ExpectSame(d, std::vector<uint32_t>{1000, 1001, 1002, 1003, 1004, 1005, 1006}));
+          d = std::move(other);
+          break;
+        }
+        default: {
+          // A copy finds its own place; the original keeps its own.
+          SmallDeque copy = d;
+          copy.push_back(7777);
+          d.push_back(++next);
+          model.push_back(next);
+          ASSERT_EQ(copy.size(), d.size());
+          ASSERT_EQ(copy.back(), 7777u);
+          d = copy;
+          model.back() = 7777;
+          break;
+        }
+      }
+      ASSERT_NO_FATAL_FAILURE(ExpectSame(d, model));
+    }
+  }
+}
+
+// try_push_back pushes only into the remembered place of a block and never allocates; where
+// it refuses, push_back goes on, and both leave the elements a standard deque would hold.
+TEST(Xdeque, TryPushBackFillsOnlyTheRememberedBlock) {
+  SmallDeque d;
+  std::deque<uint32_t> model;
+  EXPECT_FALSE(d.try_push_back(1));  // nothing remembered: no map, no block
+  EXPECT_EQ(d.size(), 0u);
+  EXPECT_EQ(d.map_size(), 0u);
+  d.push_back(0);
+  model.push_back(0);
+  for (uint32_t i = 1; i < kSmallBlock; ++i) {
+    EXPECT_TRUE(d.try_push_back(i));
+    model.push_back(i);
+  }
+  EXPECT_FALSE(d.try_push_back(99)) << "the block is full";
+  EXPECT_FALSE(d.has_block(1));
+  d.push_back(kSmallBlock);
+  model.push_back(kSmallBlock);
+  EXPECT_TRUE(d.has_block(1));
+  EXPECT_TRUE(d.try_push_back(kSmallBlock + 1));
+  model.push_back(kSmallBlock + 1);
+  d.pop_back();
+  model.pop_back();
+  EXPECT_FALSE(d.try_push_back(98)) << "a pop forgets the place";
+  d.push_back(7);
+  model.push_back(7);
+  EXPECT_TRUE(d.try_push_back(8));
+  model.push_back(8);
+  ExpectSame(d, model);
+}
+
+// Copying fails when the countdown reaches zero (negative: never).
+struct ThrowingCopy {
+  static int countdown;
+  explicit ThrowingCopy(uint32_t v) : value(v) {}
+  ThrowingCopy(const ThrowingCopy& o) : value(o.value) {
+    if (countdown >= 0 && countdown-- == 0) throw std::runtime_error("copy refused");
+  }
+  ThrowingCopy& operator=(const ThrowingCopy&) = default;
+  uint32_t value;
+};
+int ThrowingCopy::countdown = -1;
+
+// Allocations fail while the budget is zero (negative: never).
+int g_allocation_budget = -1;
+template <typename T>
+struct BudgetAllocator {
+  using value_type = T;
+  BudgetAllocator() = default;
+  template <typename U>
+  BudgetAllocator(const BudgetAllocator<U>&) {}  // NOLINT(runtime/explicit)
+  T* allocate(size_t n) {
+    if (g_allocation_budget == 0) throw std::bad_alloc();
+    if (g_allocation_budget > 0) --g_allocation_budget;
+    return std::allocator<T>().allocate(n);
+  }
+  void deallocate(T* p, size_t n) { std::allocator<T>().deallocate(p, n); }
+  friend bool operator==(const BudgetAllocator&, const BudgetAllocator&) { return true; }
+  friend bool operator!=(const BudgetAllocator&, const BudgetAllocator&) { return false; }
+};
+
+// A back push that fails (in the element's copy, for its block, or for a larger map) changes
+// nothing, and the next one goes to the place the failed one would have taken.
+TEST(Xdeque, FailedBackPushesLeaveThePlaceOfTheNextOne) {
+  for (uint32_t fail_at : {0u, 1u, 3u, 4u, 5u, 31u, 32u, 33u}) {
+    std::xdeque<ThrowingCopy, kSmallBlock> d;
+    for (uint32_t i = 0; i < fail_at; ++i) d.push_back(ThrowingCopy(i));
+    ThrowingCopy::countdown = 0;
+    EXPECT_THROW(d.push_back(ThrowingCopy(999)), std::runtime_error) << fail_at;
+    ThrowingCopy::countdown = -1;
+    ASSERT_EQ(d.size(), fail_at);
+    for (uint32_t i = fail_at; i < fail_at + 10; ++i) d.push_back(ThrowingCopy(i));
+    ASSERT_EQ(d.size(), fail_at + 10);
+    for (uint32_t i = 0; i < d.size(); ++i) ASSERT_EQ(d[i].value, i) << fail_at;
+  }
+
+  // Blocks and maps from a failing allocator: 4 elements per block, 8 slots per first map.
+  for (int budget : {0, 1, 2, 5, 9}) {
+    std::xdeque<uint32_t, kSmallBlock, BudgetAllocator<uint32_t>> d;
+    std::vector<uint32_t> model;
+    g_allocation_budget = budget;
+    bool failed = false;
+    for (uint32_t i = 0; i < 100 && !failed; ++i) {
+      try {
+        d.push_back(i);
+        model.push_back(i);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
+    g_allocation_budget = -1;
+    ASSERT_TRUE(failed) << budget;
+    ASSERT_NO_FATAL_FAILURE(ExpectSame(d, model));
+    for (uint32_t i = 0; i < 40; ++i) {
+      d.push_back(500 + i);
+      model.push_back(500 + i);
+    }
+    ASSERT_NO_FATAL_FAILURE(ExpectSame(d, model));
+  }
+}
+
 // A record whose copy touches only its tag: the map limit of a huge element type is reached
 // with few elements and little resident memory.
 constexpr size_t kHugeRecordBytes = size_t{1} << 26;

@@ -1,6 +1,7 @@
 #include "src/auto/auto_array.h"
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 namespace zu {
@@ -23,12 +24,36 @@ int CZUAutoDequeArray<T, Alloc>::GuardAndClear(Fn&& add) {
 // kSpillThreshold elements, and the append that would make one more moves them first.
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  if (memory_deque_ != nullptr) return AppendInMemory(*memory_deque_, v);
+  return AppendToStorage(v);
+}
+
+// The same over the vector storage: each flavour tests only its own pointer, so that its
+// common case runs straight through.
+template <typename T, typename Alloc>
+int CZUAutoVectorArray<T, Alloc>::Append(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  if (this->memory_vector_ != nullptr) return this->AppendInMemory(*this->memory_vector_, v);
+  return this->AppendToStorage(v);
+}
+
+template <typename T, typename Alloc>
+template <typename Memory>
+int CZUAutoDequeArray<T, Alloc>::AppendInMemory(Memory& memory, const T& value) {
+  // At the threshold the general path moves the elements first.
+  if (memory.size() < kSpillThreshold && memory.try_push_back(value)) return kZuOk;
+  return AppendToStorage(value);
+}
+
+template <typename T, typename Alloc>
+int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
   return GuardAndClear([&] {
     if (!spilled_ && this->Size() >= kSpillThreshold) {
       int result = SpillToFiles();
       if (result != kZuOk) return result;
     }
-    this->container_->PushBack(*static_cast<const T*>(value));
+    this->container_->PushBack(value);
     return static_cast<int>(kZuOk);
   });
 }
@@ -86,6 +111,7 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
     position += k;
     remaining -= k;
   }
+  SetMemoryStorage(nullptr, nullptr);
   this->container_ = files;  // the in-memory storage goes here
   spilled_ = true;
   return kZuOk;
@@ -163,14 +189,18 @@ bool CZUAutoDequeArray<T, Alloc>::SaveDescription(base::DictionaryValue** out) {
 
 template <typename T, typename Alloc>
 bool CZUAutoDequeArray<T, Alloc>::Init() {
-  this->container_ = std::make_shared<CStdDeque<T, Alloc>>();
+  auto deque = std::make_shared<CStdDeque<T, Alloc>>();
+  this->SetMemoryStorage(deque.get(), nullptr);
+  this->container_ = std::move(deque);
   spilled_ = false;
   return this->container_ != nullptr;
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoVectorArray<T, Alloc>::Init() {
-  this->container_ = std::make_shared<CStdVector<T, Alloc>>();
+  auto vector = std::make_shared<CStdVector<T, Alloc>>();
+  this->SetMemoryStorage(nullptr, vector.get());
+  this->container_ = std::move(vector);
   this->spilled_ = false;
   return this->container_ != nullptr;
 }

@@ -10,6 +10,9 @@
 // answers kZuNoSpace and keeps the array as it was. Assign never moves and never clears.
 // A description can only be loaded into an array that already lives in files; in memory
 // LoadDescription and SaveDescription answer true and do nothing.
+// Single appends in memory reach the concrete in-memory storage directly (the array keeps a
+// typed pointer to it next to the shared one), so that they cost one virtual call, the
+// array's own, instead of three.
 // Ownership: the array owns its storage; once in files, the files go with the array.
 // Thread-safety: not thread-safe: one thread per array.
 #ifndef ZU_AUTO_AUTO_ARRAY_H_
@@ -66,8 +69,25 @@ class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
   // Runs an add; any exception clears the array and becomes a result code.
   template <typename Fn>
   int GuardAndClear(Fn&& add);
+  // Append on the in-memory storage `memory` (the one container_ holds): below the threshold
+  // a push that allocates nothing is done at once, without a virtual call or an exception
+  // guard; any other goes through AppendToStorage.
+  template <typename Memory>
+  int AppendInMemory(Memory& memory, const T& value);
+  // Append through the storage interface, whichever storage holds the elements: the spill
+  // test, then PushBack, in the guard. Out of line, so that the inlined path stays small.
+  [[gnu::noinline]] int AppendToStorage(const T& value);
+  // Points the typed in-memory pointers at `deque` or `vector` (one of them null).
+  void SetMemoryStorage(CStdDeque<T, Alloc>* deque, CStdVector<T, Alloc>* vector) {
+    memory_deque_ = deque;
+    memory_vector_ = vector;
+  }
 
   bool spilled_ = false;  // true exactly when container_ holds a CZUMultiFileArrayImp<T>
+  // While in memory, the storage container_ holds, as its concrete type: the deque for this
+  // flavour, the vector for the vector flavour, the other one null. Both null once spilled.
+  CStdDeque<T, Alloc>* memory_deque_ = nullptr;
+  CStdVector<T, Alloc>* memory_vector_ = nullptr;
 };
 
 template <typename T, typename Alloc = std::allocator<T>>
@@ -78,6 +98,8 @@ class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc> {
   CZUAutoVectorArray() { CZUAutoVectorArray::Init(); }
   ~CZUAutoVectorArray() override = default;
 
+  // As the deque flavour's, with the in-memory push going to the vector.
+  int Append(const void* value) override;
   // A fresh, empty in-memory storage (a vector).
   bool Init() override;
 };

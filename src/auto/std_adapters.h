@@ -10,6 +10,10 @@
 //
 // Growth failures pass through unchanged: std::bad_alloc, or std::length_error when the
 // container's maximum size is passed.
+//
+// The adapters are final, and their container-style size(), push_back() and try_push_back()
+// go straight to the container: an owner that holds the concrete adapter (the auto arrays
+// while in memory) appends without a virtual call, with the same checks as PushBack.
 // Thread-safety: not thread-safe: one thread per storage.
 #ifndef ZU_AUTO_STD_ADAPTERS_H_
 #define ZU_AUTO_STD_ADAPTERS_H_
@@ -42,18 +46,25 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
   T* GetBackWritePtr() override { return data_.empty() ? nullptr : &*(data_.end() - 1); }
   const T* GetBackReadPtr() override { return GetBackWritePtr(); }
   void Clear() override { data_.clear(); }
-  int64_t GetSize() override { return static_cast<int64_t>(data_.size()); }
-  void PushBack(const T& value) override {
-    // Indexes are 32-bit inside; the deque's map limit is always reached first.
-    if (data_.size() >= kMaxInMemoryElements) throw std::length_error("vector<T> too long");
-    data_.push_back(value);
-  }
+  int64_t GetSize() override { return static_cast<int64_t>(size()); }
+  void PushBack(const T& value) override { push_back(value); }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override {
     Ops::EraseAll(data_);
     Ops::InsertRange(data_, 0, first.base(), last.base());
   }
   void Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override {
     Ops::InsertRange(data_, static_cast<uint32_t>(data_.size()), first.base(), last.base());
+  }
+
+  uint64_t size() const { return data_.size(); }
+  void push_back(const T& value) {
+    // Indexes are 32-bit inside; the deque's map limit is always reached first.
+    if (data_.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
+    data_.push_back(value);
+  }
+  // A push that allocates nothing (and so cannot fail), or false with nothing done.
+  bool try_push_back(const T& value) {
+    return data_.size() < kMaxInMemoryElements && Ops::TryPushBack(data_, value);
   }
 
   // Offsets and counts compare as unsigned: an offset beyond the size copies nothing, and the
@@ -74,10 +85,11 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
 };
 
 template <typename T, typename Alloc = std::allocator<T>>
-class CStdVector : public CStdContainer<T, std::vector<T, Alloc>, Alloc> {};
+class CStdVector final : public CStdContainer<T, std::vector<T, Alloc>, Alloc> {};
 
 template <typename T, typename Alloc = std::allocator<T>>
-class CStdDeque : public CStdContainer<T, std::xdeque<T, kStdDequeBlockLength, Alloc>, Alloc> {};
+class CStdDeque final
+    : public CStdContainer<T, std::xdeque<T, kStdDequeBlockLength, Alloc>, Alloc> {};
 
 #define ZU_DECLARE_STD_ADAPTERS(T)                                              \
   extern template class CStdContainer<T, std::vector<T>>;                       \

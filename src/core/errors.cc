@@ -10,5 +10,6 @@ const char kNotImplementMessage[] = "not implement";
 void ThrowNotImplemented() { throw std::logic_error(kNotImplementedMessage); }
 void ThrowPlainNotImplemented() { throw PlainError(kNotImplementedMessage); }
 void ThrowNotImplement() { throw PlainError(kNotImplementMessage); }
+void ThrowVectorTooLong() { throw std::length_error("vector<T> too long"); }
 
 }  // namespace zu

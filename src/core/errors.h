@@ -31,6 +31,9 @@ class PlainError : public std::exception {
 [[noreturn]] void ThrowPlainNotImplemented();
 // PlainError "not implement" (default bodies of the storage interface).
 [[noreturn]] void ThrowNotImplement();
+// std::length_error "vector<T> too long": an in-memory array or storage at its 2^32 - 1
+// elements. Out of line, so that the appends that test for it stay small.
+[[noreturn]] void ThrowVectorTooLong();
 
 // Runs an adding operation and maps what it throws to a result code: kZuNoSpace for
 // ZuArrayNoSpaceException, kZuFailed for anything else, kZuOk when nothing was thrown.

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
+#include <type_traits>
 
 #include "src/core/bisect.h"
 #include "src/core/errors.h"
@@ -74,9 +75,16 @@ class CZUArrayCommon : public IZUArray {
 };
 
 // Per-container operations: At(c, i), InsertRange(c, pos, first, last), CopyOut(c, from, n,
-// dest), EraseAll(c) (keeps capacity or blocks for reuse). Specialised next to each container.
+// dest), EraseAll(c) (keeps capacity or blocks for reuse), and optionally TryPushBack(c, v)
+// (a push that allocates nothing, or false). Specialised next to each container.
 template <typename Container>
 struct ContainerOps;
+
+// Whether Ops offers TryPushBack.
+template <typename Ops, typename = void>
+struct HasTryPushBack : std::false_type {};
+template <typename Ops>
+struct HasTryPushBack<Ops, std::void_t<decltype(&Ops::TryPushBack)>> : std::true_type {};
 
 template <typename T, typename Container>
 class CZUArrayBase : public CZUArrayCommon<T> {
@@ -90,12 +98,17 @@ class CZUArrayBase : public CZUArrayCommon<T> {
     return out;
   }
 
+  // Most pushes need no allocation and cannot throw: they are done here, outside the exception
+  // guard, and only the others (a new block, a larger buffer, the length limit) take the
+  // guarded path, out of line, so that this one stays a few instructions without saved
+  // registers.
   int Append(const void* value) override {
-    return GuardAdd([&] {
+    const T& v = *static_cast<const T*>(value);
+    if constexpr (HasTryPushBack<Ops>::value && std::is_nothrow_copy_constructible<T>::value) {
       Container& c = *container_;
-      if (c.size() >= kMaxInMemoryElements) throw std::length_error("vector<T> too long");
-      c.push_back(*static_cast<const T*>(value));
-    });
+      if (c.size() < kMaxInMemoryElements && Ops::TryPushBack(c, v)) return kZuOk;
+    }
+    return AppendGuarded(v);
   }
 
   void SetAt(uint64_t index, const void* value) override {
@@ -154,6 +167,14 @@ class CZUArrayBase : public CZUArrayCommon<T> {
   virtual bool Init() { return false; }
 
  protected:
+  [[gnu::noinline]] int AppendGuarded(const T& v) {
+    return GuardAdd([&] {
+      Container& c = *container_;
+      if (c.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
+      c.push_back(v);
+    });
+  }
+
   static auto ElementAt(Container& c) {
     return [&c](uint64_t i) -> const T& { return Ops::At(c, static_cast<uint32_t>(i)); };
   }

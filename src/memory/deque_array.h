@@ -31,6 +31,8 @@ struct ContainerOps<std::xdeque<T, N, A>> {
   using Container = std::xdeque<T, N, A>;
 
   static T& At(Container& c, uint32_t i) { return c[i]; }
+  // A push that needs no allocation, or false (nothing done).
+  static bool TryPushBack(Container& c, const T& v) { return c.try_push_back(v); }
   // Keeps the blocks for the elements that usually follow.
   static void EraseAll(Container& c) { c.erase(c.begin(), c.end()); }
   static void CopyOut(Container& c, uint32_t from, uint32_t n, T* dest) {

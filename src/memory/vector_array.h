@@ -24,6 +24,12 @@ struct ContainerOps<std::vector<T, A>> {
   using Container = std::vector<T, A>;
 
   static T& At(Container& c, uint32_t i) { return c[i]; }
+  // A push within the capacity, or false (nothing done).
+  static bool TryPushBack(Container& c, const T& v) {
+    if (c.size() == c.capacity()) return false;
+    c.push_back(v);
+    return true;
+  }
   static void EraseAll(Container& c) { c.clear(); }
   static void CopyOut(Container& c, uint32_t from, uint32_t n, T* dest) {
     if (n != 0) std::memcpy(dest, c.data() + from, static_cast<size_t>(n) * sizeof(T));

@@ -20,6 +20,11 @@
 // anything changes. A failed block or map allocation throws std::bad_alloc and leaves the
 // contents as they were.
 //
+// Pushing at the back is the hot path of the arrays (one push per appended element), so the
+// container remembers where the next back push goes and where that block ends: a push then
+// costs a compare, a store and two increments. Every other change of the first position or
+// the size forgets that place, and the next back push finds it again by the position rule.
+//
 // T may be any copy-constructible type: elements are constructed in place when pushed and
 // destroyed when popped, erased or cleared. Trivially copyable elements are moved in bulk.
 //
@@ -99,6 +104,8 @@ class xdeque {
     std::swap(map_size_, other.map_size_);
     std::swap(first_, other.first_);
     std::swap(size_, other.size_);
+    std::swap(back_, other.back_);
+    std::swap(back_end_, other.back_end_);
     std::swap(alloc_, other.alloc_);
   }
 
@@ -133,16 +140,23 @@ class xdeque {
 
   template <typename... Args>
   T& emplace_back(Args&&... args) {
-    // Inside a block the slot's block exists: no growth test, no allocation test.
-    uint64_t q = uint64_t{first_} + size_;
-    T* slot = (q & kMask) != 0 ? Address(q) : BackSlot();
-    ElemTraits::construct(alloc_, slot, std::forward<Args>(args)...);
-    ++size_;  // only after the element exists: a throwing constructor changes nothing
-    return *slot;
+    // Inside the remembered block the slot exists: no growth test, no allocation test.
+    if (__builtin_expect(back_ == back_end_, 0)) FindBack();
+    return PlaceBack(std::forward<Args>(args)...);
+  }
+
+  // Pushes at the back only when the place is remembered (no new block, no map growth, nothing
+  // allocated) and answers whether it did. A caller that keeps the container behind a pointer
+  // tries this first and calls push_back out of line, so that its inlined part stays small.
+  bool try_push_back(const T& value) {
+    if (back_ == back_end_) return false;
+    PlaceBack(value);
+    return true;
   }
 
   template <typename... Args>
   T& emplace_front(Args&&... args) {
+    ForgetBack();
     uint64_t q = FrontPosition();
     T* slot = EnsureBlock(q) + (q & kMask);
     ElemTraits::construct(alloc_, slot, std::forward<Args>(args)...);
@@ -153,12 +167,14 @@ class xdeque {
 
   void pop_back() {
     if (size_ == 0) return;
+    ForgetBack();
     ElemTraits::destroy(alloc_, &back());
     if (--size_ == 0) first_ = 0;
   }
 
   void pop_front() {
     if (size_ == 0) return;
+    ForgetBack();
     ElemTraits::destroy(alloc_, &front());
     if (++first_ == RingLength()) first_ = 0;
     if (--size_ == 0) first_ = 0;
@@ -224,6 +240,7 @@ class xdeque {
 
   // Drops every element, then frees every block and the map.
   void clear() {
+    ForgetBack();
     if constexpr (is_trivially_destructible<T>::value) {
       size_ = 0;
       first_ = 0;
@@ -278,6 +295,27 @@ class xdeque {
 
   bool MapFullFor(uint32_t size) const { return map_size_ <= (uint64_t{size} + N) / N; }
 
+  // Constructs the element at the remembered place behind the last one.
+  template <typename... Args>
+  T& PlaceBack(Args&&... args) {
+    T* slot = back_;
+    ElemTraits::construct(alloc_, slot, std::forward<Args>(args)...);
+    ++size_;  // only after the element exists: a throwing constructor changes nothing
+    back_ = slot + 1;
+    return *slot;
+  }
+
+  // Remembers the place just after the last element (its block allocated, the map grown when
+  // a new block starts) and the end of its block.
+  void FindBack() {
+    T* slot = BackSlot();
+    uint32_t in_block = static_cast<uint32_t>((uint64_t{first_} + size_) & kMask);
+    back_end_ = slot - in_block + N;
+    back_ = slot;
+  }
+
+  void ForgetBack() { back_ = back_end_ = nullptr; }
+
   // Address of the place just after the last element, with its block present.
   T* BackSlot() {
     uint64_t q = uint64_t{first_} + size_;
@@ -325,6 +363,7 @@ class xdeque {
   // Constructs n elements from src behind the last one, a block segment at a time. The
   // elements placed before a failure stay.
   void AppendBlocks(const T* src, uint64_t n) {
+    ForgetBack();
     while (n != 0) {
       T* dest = BackSlot();
       uint32_t in_block = static_cast<uint32_t>((uint64_t{first_} + size_) & kMask);
@@ -339,6 +378,7 @@ class xdeque {
   // Places n elements from src in front of the first one, in source order, filling each
   // block from its end (the layout the front pushes of insert() leave after the reverse).
   void PrependBlocks(const T* src, uint64_t n) {
+    ForgetBack();
     while (n != 0) {
       uint64_t q = FrontPosition();
       T* block = EnsureBlock(q);
@@ -369,7 +409,11 @@ class xdeque {
   uint32_t map_size_ = 0;  // <= kMaxMapSize
   uint32_t first_ = 0;     // < map_size_ * N when map_size_ > 0; 0 when empty
   uint32_t size_ = 0;      // elements; every block they occupy is allocated
-  A alloc_;                // stateless in every instantiation of the library
+  // The place of the next back push and the end of its block while back_ != back_end_;
+  // both null once forgotten.
+  T* back_ = nullptr;
+  T* back_end_ = nullptr;
+  A alloc_;  // stateless in every instantiation of the library
 };
 
 // A container pointer and a 64-bit absolute position; dereferencing performs the block-slot
