@@ -104,6 +104,17 @@ TEST(CZUMultiFileArrayImp, DescriptionsSurviveJsonAndReattach) {
   EXPECT_TRUE(partial.LoadDescription(crafted));
   EXPECT_EQ(partial.SegmentCount(), 0u);
 
+  // A partly filled entry does not end the load: every attachable entry becomes a segment.
+  base::DictionaryValue twice;
+  auto* both = new base::ListValue();
+  both->Append(good->DeepCopy());
+  both->Append(good->DeepCopy());
+  twice.Set("files", both);
+  Storage doubled;
+  EXPECT_TRUE(doubled.LoadDescription(twice));
+  EXPECT_EQ(doubled.SegmentCount(), 2u);
+  EXPECT_EQ(static_cast<uint64_t>(doubled.GetSize()), 2 * values.size());
+
   base::DictionaryValue empty;
   Storage none;
   AppendBulk(none, values);

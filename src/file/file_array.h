@@ -3,7 +3,9 @@
 //
 // Its searches are made for ascending data and use the storage's in-memory samples (segment
 // heads, chunk boundaries, one sample per page) to avoid reading files: LowerBound,
-// UpperBound and Find are exact and read at most one page or chunk of one file; FindNearest
+// UpperBound and Find are exact and read at most one page or chunk of one file (except that
+// UpperBound of a value at or above a segment's last element answers the next segment's
+// start, also after the last segment); FindNearest
 // accepts a sample within the tolerance; LocateLowerBound and FindFloor answer from the
 // samples alone with sampled positions, which callers refine themselves.
 //

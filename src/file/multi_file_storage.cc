@@ -145,9 +145,6 @@ bool CZUMultiFileArrayImp<T>::LoadDescription(const base::DictionaryValue& descr
     if (!segment->Attach(*entry)) break;
     heads_.push_back(*segment->GetReadPtr(0));
     segments_.push_back(segment);
-    // Element positions assume full segments before the last: a partly filled one ends the
-    // storage.
-    if (static_cast<uint64_t>(segment->GetSize()) < kSegmentCapacity) break;
   }
   return true;
 }
@@ -170,11 +167,12 @@ uint64_t CZUMultiFileArrayImp<T>::LowerBound(const T& value) {
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::UpperBound(const T& value) {
-  // Past the end of a full segment the answer is the next segment's start; past the end of
-  // the last one it is the size.
+  // A value at or above every element of the candidate segment answers the start of the next
+  // segment, also past the last one: the position where an element above it would go once
+  // that segment is full. Callers that want the size compare with GetSize themselves.
   return InCandidateSegment(value, true, [&](Segment& segment) {
-    return std::min<uint64_t>(segment.SegmentUpperBound(value),
-                              static_cast<uint64_t>(segment.GetSize()));
+    const uint64_t r = segment.SegmentUpperBound(value);
+    return r >= static_cast<uint64_t>(segment.GetSize()) ? kSegmentCapacity : r;
   });
 }
 

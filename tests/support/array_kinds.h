@@ -20,11 +20,22 @@ struct InMemoryRules {
   static constexpr bool kNeedsDataDirectory = false;
   // FindFloor / LocateLowerBound answer from samples (coarse) instead of exactly.
   static constexpr bool kCoarseSearches = false;
+  // UpperBound of a value at or above the last element answers the size.
+  template <typename T>
+  static uint64_t UpperBoundPastTheEnd(uint64_t size) {
+    return size;
+  }
 };
 
 struct FileRules {
   static constexpr bool kNeedsDataDirectory = true;
   static constexpr bool kCoarseSearches = true;
+  // ...while in files it answers the start of the next segment (segments hold 128 MiB).
+  template <typename T>
+  static uint64_t UpperBoundPastTheEnd(uint64_t size) {
+    const uint64_t segment = 0x8000000 / sizeof(T);
+    return (size / segment + 1) * segment;
+  }
 };
 
 template <typename T, IZUArray* (CArrayFactory::*Alloc)(int), typename Rules>
