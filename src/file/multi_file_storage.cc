@@ -46,6 +46,7 @@ const T* CZUMultiFileArrayImp<T>::GetBackReadPtr() {
 template <typename T>
 void CZUMultiFileArrayImp<T>::Clear() {
   segments_.clear();
+  last_ = nullptr;
   heads_.clear();
 }
 
@@ -59,6 +60,7 @@ int64_t CZUMultiFileArrayImp<T>::GetSize() {
 template <typename T>
 bool CZUMultiFileArrayImp<T>::AddSegment(const T& head) {
   segments_.push_back(std::make_shared<Segment>());
+  last_ = segments_.back().get();
   heads_.push_back(head);
   return !segments_.back()->dead();
 }
@@ -145,6 +147,7 @@ bool CZUMultiFileArrayImp<T>::LoadDescription(const base::DictionaryValue& descr
     if (!segment->Attach(*entry)) break;
     heads_.push_back(*segment->GetReadPtr(0));
     segments_.push_back(segment);
+    last_ = segment.get();
   }
   return true;
 }

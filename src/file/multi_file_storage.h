@@ -45,11 +45,10 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   int64_t GetSize() override;
   // Inline: single appends are the storage's hottest path.
   void PushBack(const T& value) override {
-    if (segments_.empty() ||
-        static_cast<uint64_t>(segments_.back()->GetSize()) >= kSegmentCapacity) {
+    if (last_ == nullptr || static_cast<uint64_t>(last_->GetSize()) >= kSegmentCapacity) {
       AddSegment(value);  // a dead segment ignores the value
     }
-    segments_.back()->PushBack(value);
+    last_->PushBack(value);
   }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   void Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
@@ -96,7 +95,8 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   static T* AllOnes(T* dummy);
 
   std::vector<std::shared_ptr<Segment>> segments_;  // index order; all but the last full
-  std::vector<T> heads_;  // heads_[s] is element s * kSegmentCapacity; one per segment
+  std::vector<T> heads_;     // heads_[s] is element s * kSegmentCapacity; one per segment
+  Segment* last_ = nullptr;  // segments_.back(), one load closer for single appends; or null
 };
 
 #define ZU_DECLARE_MULTI_FILE_STORAGE(T) extern template class CZUMultiFileArrayImp<T>;
