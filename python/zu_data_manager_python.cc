@@ -27,8 +27,8 @@ struct Element {
   int code;  // element size in bytes
 };
 
-Element ElementOf(const py::object& spec) {
-  py::dtype dtype = py::dtype::from_args(spec);
+Element ElementOf(const py::object& dtype_like) {
+  py::dtype dtype = py::dtype::from_args(dtype_like);
   if (dtype.equal(py::dtype::of<uint8_t>())) return {py::dtype::of<uint8_t>(), 1};
   if (dtype.equal(py::dtype::of<uint16_t>())) return {py::dtype::of<uint16_t>(), 2};
   if (dtype.equal(py::dtype::of<uint32_t>())) return {py::dtype::of<uint32_t>(), 4};

@@ -35,13 +35,13 @@ const char kCleanLoopVariable[] = "ZU_TEST_CLEAN_LOOP";  // "<stop fd> <result f
 // The second process: CleanTmpFiles in a loop until the stop pipe closes, then the number of
 // calls goes back through the result pipe. Runs before main in a fresh copy of this program.
 const bool kIsCleanLoopChild = [] {
-  const char* spec = std::getenv(kCleanLoopVariable);
-  if (spec == nullptr) return false;
+  const char* setting = std::getenv(kCleanLoopVariable);
+  if (setting == nullptr) return false;
   int stop = -1;
   int result = -1;
   int consumed = 0;
-  if (std::sscanf(spec, "%d %d %n", &stop, &result, &consumed) != 2) std::_Exit(90);
-  IZUArray::SetDataDirectory(std::filesystem::path(spec + consumed).wstring());
+  if (std::sscanf(setting, "%d %d %n", &stop, &result, &consumed) != 2) std::_Exit(90);
+  IZUArray::SetDataDirectory(std::filesystem::path(setting + consumed).wstring());
   long calls = 0;
   for (;;) {
     IZUArray::CleanTmpFiles();
@@ -189,7 +189,7 @@ TEST(PosixCleanup, CleanTmpFilesLoopInAnotherProcessSparesLiveFiles) {
   int result[2];
   ASSERT_EQ(pipe(stop), 0);
   ASSERT_EQ(pipe(result), 0);
-  const std::string spec =
+  const std::string setting =
       std::to_string(stop[0]) + " " + std::to_string(result[1]) + " " + dir.path().string();
   const std::string self = SelfExecutable().string();
   std::fflush(stdout);
@@ -198,7 +198,7 @@ TEST(PosixCleanup, CleanTmpFilesLoopInAnotherProcessSparesLiveFiles) {
   if (pid == 0) {
     close(stop[1]);
     close(result[0]);
-    setenv(kCleanLoopVariable, spec.c_str(), 1);
+    setenv(kCleanLoopVariable, setting.c_str(), 1);
     execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
     _exit(93);
   }

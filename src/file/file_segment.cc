@@ -48,37 +48,33 @@ uint64_t Distance(const SimpleBigData<N>&, const SimpleBigData<N>&) {
   return std::numeric_limits<uint64_t>::max();
 }
 
-// BisectLower over a plain array, probing exactly the same positions in the same order (so
-// that even unsorted data give the same answer), with the step chosen by selects instead of
-// a branch: the branch of a bisection is mispredicted half the time.
-template <typename T>
-uint64_t LowerIndex(const T* data, uint64_t count, const T& value) {
+// A bisection over a plain array that probes exactly the positions BisectLower/BisectUpper
+// probe, in the same order (so even unsorted data give the same answer), with the step chosen
+// by arithmetic instead of a branch: the branch of a bisection is mispredicted half the time.
+// go_right(element) says whether the answer lies past the probed element.
+template <typename T, typename GoRight>
+uint64_t BranchlessBisect(const T* data, uint64_t count, GoRight go_right) {
   uint64_t first = 0;
   while (count > 0) {
     const uint64_t half = count >> 1;
-    const uint64_t mid = first + half;
-    // 1 when the probe is below value: go right past it, else keep the left half. Written as
-    // arithmetic so the compiler cannot turn it back into a branch (unsigned wrap-around
-    // makes the difference exact when it is "negative").
-    const uint64_t less = static_cast<uint64_t>(data[mid] < value);
-    first += less * (half + 1);
-    count = half + less * (count - 1 - half - half);
+    // 1: go right past the probe, 0: keep the left half. Written as arithmetic so the
+    // compiler cannot turn it back into a branch (unsigned wrap-around makes the difference
+    // exact when it is "negative").
+    const uint64_t right = static_cast<uint64_t>(go_right(data[first + half]));
+    first += right * (half + 1);
+    count = half + right * (count - 1 - half - half);
   }
   return first;
 }
 
-// BisectUpper the same way: the same probes, no branch.
+template <typename T>
+uint64_t LowerIndex(const T* data, uint64_t count, const T& value) {
+  return BranchlessBisect(data, count, [&value](const T& x) { return x < value; });
+}
+
 template <typename T>
 uint64_t UpperIndex(const T* data, uint64_t count, const T& value) {
-  uint64_t first = 0;
-  while (count > 0) {
-    const uint64_t half = count >> 1;
-    const uint64_t mid = first + half;
-    const uint64_t not_above = static_cast<uint64_t>(!(value < data[mid]));
-    first += not_above * (half + 1);
-    count = half + not_above * (count - 1 - half - half);
-  }
-  return first;
+  return BranchlessBisect(data, count, [&value](const T& x) { return !(value < x); });
 }
 
 }  // namespace
