@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -21,9 +22,11 @@ class ArrayContract : public ::testing::Test {
 
   void SetUp() override {
     if (K::kNeedsDataDirectory) {
+      // A random name: tests run as parallel processes, and neither gtest's time-based seed
+      // nor a heap address (fixed under ASan) tells two of them apart.
+      std::random_device random;
       dir_ = std::filesystem::temp_directory_path() /
-             ("zu-contract-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-              "-" + std::to_string(reinterpret_cast<uintptr_t>(this)));
+             ("zu-contract-" + std::to_string(random()) + "-" + std::to_string(random()));
       IZUArray::SetDataDirectory(dir_.wstring());
     }
     array_ = K::Make();
