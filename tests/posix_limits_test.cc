@@ -380,6 +380,11 @@ TEST(PosixLimits, DescriptorLimitGivesCodeTwoAfterTheSoftLimitWasRaised) {
 }
 
 TEST(PosixLimits, ThousandsOfFileArraysStayUnderTheMappingLimitOrFailCleanly) {
+#ifdef ZU_TEST_ASAN
+  // AddressSanitizer's allocator maps its own memory while the arrays grow; once the test has
+  // squeezed the free mappings it aborts itself, whatever the library does.
+  GTEST_SKIP() << "the sanitizer needs free mappings of its own; the plain build runs this test";
+#endif
   TempDataDir dir;
   LimitFigures f;
   ASSERT_TRUE(RunLimitChild("mappings", dir, 0, 0, &f));
