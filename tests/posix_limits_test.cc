@@ -292,13 +292,13 @@ void MappingCase(LimitFigures& f, const std::filesystem::path& data) {
 
 // The child: runs the named case before main and exits with its figures written.
 const bool kIsLimitChild = [] {
-  const char* spec = std::getenv(kLimitChildVariable);
-  if (spec == nullptr) return false;
+  const char* setting = std::getenv(kLimitChildVariable);
+  if (setting == nullptr) return false;
   char name[32] = {0};
   int fd = -1;
   int consumed = 0;
-  if (std::sscanf(spec, "%31s %d %n", name, &fd, &consumed) != 2) std::_Exit(90);
-  const std::filesystem::path data = std::filesystem::path(spec + consumed) / "data";
+  if (std::sscanf(setting, "%31s %d %n", name, &fd, &consumed) != 2) std::_Exit(90);
+  const std::filesystem::path data = std::filesystem::path(setting + consumed) / "data";
   IZUArray::SetDataDirectory(data.wstring());
   std::filesystem::create_directories(data);
   LimitFigures figures;
@@ -317,7 +317,7 @@ bool RunLimitChild(const char* name, const TempDataDir& dir, rlim_t soft, rlim_t
                    LimitFigures* out) {
   int fds[2];
   if (pipe(fds) != 0) return false;
-  const std::string spec =
+  const std::string setting =
       std::string(name) + " " + std::to_string(fds[1]) + " " + dir.path().string();
   const std::string self = SelfExecutable().string();
   std::fflush(stdout);
@@ -328,7 +328,7 @@ bool RunLimitChild(const char* name, const TempDataDir& dir, rlim_t soft, rlim_t
       struct rlimit limit = {soft, hard};
       if (setrlimit(RLIMIT_NOFILE, &limit) != 0) _exit(92);
     }
-    setenv(kLimitChildVariable, spec.c_str(), 1);
+    setenv(kLimitChildVariable, setting.c_str(), 1);
     execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
     _exit(93);
   }
