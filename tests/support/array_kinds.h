@@ -61,15 +61,13 @@ template <typename T>
 using AutoVectorKind = Kind<T, &CArrayFactory::AllocAutoVectorArray, InMemoryRules>;
 
 // One line per kind and element type.
-using ContractKinds =
-    ::testing::Types<VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>,
-                     VectorKind<int64_t>, DequeKind<uint8_t>, DequeKind<uint16_t>,
-                     DequeKind<uint32_t>, DequeKind<int64_t>, FileKind<uint8_t>, FileKind<uint16_t>,
-                     FileKind<uint32_t>, FileKind<int64_t>,
-                     AutoDequeKind<uint8_t>, AutoDequeKind<uint16_t>, AutoDequeKind<uint32_t>,
-                     AutoDequeKind<int64_t>, AutoDequeKind<SimpleBigData<16>>,
-                     AutoDequeKind<SimpleBigData<512>>, AutoVectorKind<uint16_t>,
-                     AutoVectorKind<int64_t>, AutoVectorKind<SimpleBigData<64>>>;
+using ContractKinds = ::testing::Types<
+    VectorKind<uint8_t>, VectorKind<uint16_t>, VectorKind<uint32_t>, VectorKind<int64_t>,
+    DequeKind<uint8_t>, DequeKind<uint16_t>, DequeKind<uint32_t>, DequeKind<int64_t>,
+    FileKind<uint8_t>, FileKind<uint16_t>, FileKind<uint32_t>, FileKind<int64_t>,
+    AutoDequeKind<uint8_t>, AutoDequeKind<uint16_t>, AutoDequeKind<uint32_t>,
+    AutoDequeKind<int64_t>, AutoDequeKind<SimpleBigData<16>>, AutoDequeKind<SimpleBigData<512>>,
+    AutoVectorKind<uint16_t>, AutoVectorKind<int64_t>, AutoVectorKind<SimpleBigData<64>>>;
 
 }  // namespace zu_test
 
