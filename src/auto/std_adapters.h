@@ -57,15 +57,10 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
   }
 
   uint64_t size() const { return data_.size(); }
-  void push_back(const T& value) {
-    // Indexes are 32-bit inside; the deque's map limit is always reached first.
-    if (data_.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
-    data_.push_back(value);
-  }
+  // Indexes are 32-bit inside; the deque's map limit is always reached first.
+  void push_back(const T& value) { PushBackWithinLimit(data_, value); }
   // A push that allocates nothing (and so cannot fail), or false with nothing done.
-  bool try_push_back(const T& value) {
-    return data_.size() < kMaxInMemoryElements && Ops::TryPushBack(data_, value);
-  }
+  bool try_push_back(const T& value) { return TryPushBackWithinLimit<Ops>(data_, value); }
 
   // Offsets and counts compare as unsigned: an offset beyond the size copies nothing, and the
   // copy stops at the last element.

@@ -86,6 +86,20 @@ struct HasTryPushBack : std::false_type {};
 template <typename Ops>
 struct HasTryPushBack<Ops, std::void_t<decltype(&Ops::TryPushBack)>> : std::true_type {};
 
+// Pushes at the back of an in-memory container, refusing to pass the 32-bit index limit.
+template <typename Container, typename T>
+void PushBackWithinLimit(Container& c, const T& v) {
+  if (c.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
+  c.push_back(v);
+}
+
+// The same push when it allocates nothing (and so cannot fail); false with nothing done
+// otherwise.
+template <typename Ops, typename Container, typename T>
+bool TryPushBackWithinLimit(Container& c, const T& v) {
+  return c.size() < kMaxInMemoryElements && Ops::TryPushBack(c, v);
+}
+
 template <typename T, typename Container>
 class CZUArrayBase : public CZUArrayCommon<T> {
  public:
@@ -105,8 +119,7 @@ class CZUArrayBase : public CZUArrayCommon<T> {
   int Append(const void* value) override {
     const T& v = *static_cast<const T*>(value);
     if constexpr (HasTryPushBack<Ops>::value && std::is_nothrow_copy_constructible<T>::value) {
-      Container& c = *container_;
-      if (c.size() < kMaxInMemoryElements && Ops::TryPushBack(c, v)) return kZuOk;
+      if (TryPushBackWithinLimit<Ops>(*container_, v)) return kZuOk;
     }
     return AppendGuarded(v);
   }
@@ -168,11 +181,7 @@ class CZUArrayBase : public CZUArrayCommon<T> {
 
  protected:
   [[gnu::noinline]] int AppendGuarded(const T& v) {
-    return GuardAdd([&] {
-      Container& c = *container_;
-      if (c.size() >= kMaxInMemoryElements) ThrowVectorTooLong();
-      c.push_back(v);
-    });
+    return GuardAdd([&] { PushBackWithinLimit(*container_, v); });
   }
 
   static auto ElementAt(Container& c) {
