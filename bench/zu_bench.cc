@@ -77,6 +77,29 @@ double Median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
+// CPU seconds used by every thread of this process so far (a peer's own I/O threads too).
+double CpuSeconds() {
+  timespec t{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+// Wall and process CPU time of one timed run, appended to a contender's samples on Stop.
+struct Times {
+  std::vector<double> wall, cpu;
+};
+class Stopwatch {
+ public:
+  void Stop(Times* into) const {
+    into->wall.push_back(Seconds(wall_, Clock::now()));
+    into->cpu.push_back(CpuSeconds() - cpu_);
+  }
+
+ private:
+  Clock::time_point wall_ = Clock::now();
+  double cpu_ = CpuSeconds();
+};
+
 // ---------------------------------------------------------------------------------------------
 // Process counters.
 
@@ -245,6 +268,27 @@ void AddRatio(Row& r, const std::string& peer, double peer_value, bool lower_is_
   r.ratios.emplace_back(peer, lower_is_better ? peer_value / r.zu : r.zu / peer_value);
 }
 
+void AddNote(Row& r, const std::string& text) {
+  if (text.empty()) return;
+  r.note += r.note.empty() ? text : "; " + text;
+}
+
+// CPU time per element, every thread of the process counted: a peer that hands its writes to
+// I/O threads of its own shows here what its wall time leaves out. Contenders without samples
+// are left out.
+std::string CpuNote(uint64_t n, const Times& zu, const Times& stxxl, const Times& boost) {
+  std::string text = "CPU ns/elem, all threads:";
+  const std::pair<const char*, const Times*> contenders[] = {
+      {"zu", &zu}, {"stxxl", &stxxl}, {"boost", &boost}};
+  for (const auto& [name, t] : contenders) {
+    if (t->cpu.empty()) continue;
+    char part[48];
+    std::snprintf(part, sizeof part, " %s %.2f", name, Median(t->cpu) * 1e9 / n);
+    text += part;
+  }
+  return text;
+}
+
 void PrintRow(const Row& r) {
   std::printf("%-22s %-6s %11llu %-10s %9s %9s %9s %9s %9s %9s %-7s  %s%s%s\n", r.scenario.c_str(),
               r.kind.c_str(), static_cast<unsigned long long>(r.elements), r.unit.c_str(),
@@ -392,43 +436,43 @@ double PwriteSeconds(const std::vector<int64_t>& src) {
 void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int reps) {
   const uint64_t n = src.size();
   Row r = MakeRow("append one-by-one", kind, n, "M elem/s");
-  std::vector<double> zu, vec, deq, stx, bst;
+  Times zu, vec, deq, stx, bst;
   for (int rep = 0; rep < reps; ++rep) {
     // The order alternates, so that allocator and page-cache state left by one contender
     // falls on each of them alike.
     std::vector<std::function<void()>> runs;
     runs.push_back([&] {
       std::unique_ptr<IZUArray> a(NewArray(kind));
-      auto t0 = Clock::now();
+      Stopwatch t;
       for (uint64_t i = 0; i < n; ++i) a->Append(&src[i]);
-      zu.push_back(Seconds(t0, Clock::now()));
+      t.Stop(&zu);
       if (a->GetSize() != n) r.note = "size mismatch";
     });
     if (kind == "vector") {
       runs.push_back([&] {
-        auto t0 = Clock::now();
+        Stopwatch t;
         std::vector<int64_t> v;
         for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
         g_sink = g_sink + v.back();
-        vec.push_back(Seconds(t0, Clock::now()));
+        t.Stop(&vec);
       });
     }
     if (kind == "deque" || kind == "auto") {
       runs.push_back([&] {
-        auto t0 = Clock::now();
+        Stopwatch t;
         std::deque<int64_t> d;
         for (uint64_t i = 0; i < n; ++i) d.push_back(src[i]);
         g_sink = g_sink + d.back();
-        deq.push_back(Seconds(t0, Clock::now()));
+        t.Stop(&deq);
       });
     }
 #ifdef ZU_BENCH_HAVE_STXXL
     if (kind == "file" || kind == "auto") {
       runs.push_back([&] {
         StxxlVector v;
-        auto t0 = Clock::now();
+        Stopwatch t;
         for (uint64_t i = 0; i < n; ++i) v.push_back(src[i]);
-        stx.push_back(Seconds(t0, Clock::now()));
+        t.Stop(&stx);
       });
     }
 #endif
@@ -436,9 +480,9 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
     if (kind == "file") {
       runs.push_back([&] {
         BoostPeer peer(n);
-        auto t0 = Clock::now();
+        Stopwatch t;
         for (uint64_t i = 0; i < n; ++i) peer.v().push_back(src[i]);
-        bst.push_back(Seconds(t0, Clock::now()));
+        t.Stop(&bst);
       });
     }
 #endif
@@ -449,16 +493,19 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
       run();
     }
   }
-  r.zu = Rate(n, zu);
-  r.std_vector = Rate(n, vec);
-  r.std_deque = Rate(n, deq);
-  r.stxxl = Rate(n, stx);
-  r.boost = Rate(n, bst);
+  r.zu = Rate(n, zu.wall);
+  r.std_vector = Rate(n, vec.wall);
+  r.std_deque = Rate(n, deq.wall);
+  r.stxxl = Rate(n, stx.wall);
+  r.boost = Rate(n, bst.wall);
   if (kind == "vector") AddRatio(r, "std::vector", r.std_vector);
   if (kind == "deque" || kind == "auto") AddRatio(r, "std::deque", r.std_deque);
   if (kind == "file" || kind == "auto") AddRatio(r, "stxxl", r.stxxl);
   if (kind == "file") AddRatio(r, "boost", r.boost);
-  if (kind == "auto" && n > zu::kSpillThreshold) r.note = "includes the move into files";
+  if (kind == "file" || kind == "auto") {
+    AddNote(r, CpuNote(n, zu, stx, bst));
+    if (kind == "auto" && n > zu::kSpillThreshold) AddNote(r, "includes the move into files");
+  }
   Add(r);
 }
 
@@ -500,16 +547,17 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
     Add(r);
   }
   Row r = MakeRow("bulk AppendBuffer", "file", n, "M elem/s");
-  std::vector<double> zu, stx, bst, pw;
+  Times zu, stx, bst;
+  std::vector<double> pw;
   for (int rep = 0; rep < reps; ++rep) {
     const bool last = rep + 1 == reps;
     // Every writer starts with no dirty pages left by the one before, in alternating order.
     std::vector<std::function<void()>> runs;
     runs.push_back([&] {
       std::unique_ptr<IZUArray> a(NewArray("file"));
-      auto t0 = Clock::now();
+      Stopwatch t;
       int rc = a->AppendBuffer(data, n);
-      zu.push_back(Seconds(t0, Clock::now()));
+      t.Stop(&zu);
       if (rc != kZuOk || a->GetSize() != n) r.note = "append failed";
       if (last) keep->file = std::move(a);
     });
@@ -517,23 +565,23 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
 #ifdef ZU_BENCH_HAVE_STXXL
     runs.push_back([&] {
       auto v = std::make_unique<StxxlVector>();
-      auto t0 = Clock::now();
+      Stopwatch t;
       v->resize(n);
       {
         StxxlVector::bufwriter_type writer(*v);
         for (uint64_t i = 0; i < n; ++i) writer << data[i];
         writer.finish();
       }
-      stx.push_back(Seconds(t0, Clock::now()));
+      t.Stop(&stx);
       if (last) keep->stxxl = std::move(v);
     });
 #endif
 #ifdef ZU_BENCH_HAVE_BOOST
     runs.push_back([&] {
       auto peer = std::make_unique<BoostPeer>(n);
-      auto t0 = Clock::now();
+      Stopwatch t;
       peer->v().insert(peer->v().end(), data, data + n);
-      bst.push_back(Seconds(t0, Clock::now()));
+      t.Stop(&bst);
       if (last) keep->boost = std::move(peer);
     });
 #endif
@@ -543,14 +591,15 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
       run();
     }
   }
-  r.zu = Rate(n, zu);
-  r.stxxl = Rate(n, stx);
-  r.boost = Rate(n, bst);
+  r.zu = Rate(n, zu.wall);
+  r.stxxl = Rate(n, stx.wall);
+  r.boost = Rate(n, bst.wall);
   r.limit_name = "pwrite";
   r.limit = Rate(n, pw);
   AddRatio(r, "pwrite", r.limit);
   AddRatio(r, "stxxl", r.stxxl);
   AddRatio(r, "boost", r.boost);
+  AddNote(r, CpuNote(n, zu, stx, bst));
   Add(r);
   keep->vector = src;
 }
@@ -1110,8 +1159,10 @@ int main(int argc, char** argv) {
               "elements", "unit", "zu", "vector", "deque", "stxxl", "boost", "limit", "",
               "ratios (zu / peer)");
   for (uint64_t n : sizes) {
-    const int reps = n <= (1 << 16) ? 7 : n <= (1 << 22) ? 3 : 1;
-    const int bulk_reps = std::max(reps, 3);
+    // Medians of at least three runs, also at the largest size, where a single run would
+    // carry whatever the page cache and the host did at that moment.
+    const int reps = n <= (1 << 16) ? 7 : 3;
+    const int bulk_reps = std::max(reps, 5);
     const std::vector<int64_t> src = SortedSource(n);
     const double memcpy_rate = MemcpyRate(src, std::max(reps, 3));
     if (wanted("append")) {

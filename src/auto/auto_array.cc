@@ -26,6 +26,7 @@ template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
   const T& v = *static_cast<const T*>(value);
   if (memory_deque_ != nullptr) return AppendInMemory(*memory_deque_, v);
+  if (files_ != nullptr && files_->TryStage(v)) return kZuOk;
   return AppendToStorage(v);
 }
 
@@ -35,6 +36,7 @@ template <typename T, typename Alloc>
 int CZUAutoVectorArray<T, Alloc>::Append(const void* value) {
   const T& v = *static_cast<const T*>(value);
   if (this->memory_vector_ != nullptr) return this->AppendInMemory(*this->memory_vector_, v);
+  if (this->files_ != nullptr && this->files_->TryStage(v)) return kZuOk;
   return this->AppendToStorage(v);
 }
 
@@ -49,7 +51,7 @@ int CZUAutoDequeArray<T, Alloc>::AppendInMemory(Memory& memory, const T& value) 
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
   return GuardAndClear([&] {
-    if (!spilled_ && this->Size() >= kSpillThreshold) {
+    if (!spilled() && this->Size() >= kSpillThreshold) {
       int result = SpillToFiles();
       if (result != kZuOk) return result;
     }
@@ -63,7 +65,7 @@ int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::AppendRange(ArrayIterBase* first, ArrayIterBase* last) {
   return GuardAndClear([&] {
-    if (!spilled_) {
+    if (!spilled()) {
       int64_t n =
           static_cast<int64_t>(last->GetPosition()) - static_cast<int64_t>(first->GetPosition());
       if (static_cast<int64_t>(this->Size()) + n >= static_cast<int64_t>(kSpillThreshold)) {
@@ -78,7 +80,7 @@ int CZUAutoDequeArray<T, Alloc>::AppendRange(ArrayIterBase* first, ArrayIterBase
 
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
-  if (spilled_) return kZuOk;
+  if (spilled()) return kZuOk;
   auto files = std::make_shared<CZUMultiFileArrayImp<T>>();
   if (files->HasDeadSegment()) return kZuNoSpace;
 
@@ -113,19 +115,18 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
   }
   SetMemoryStorage(nullptr, nullptr);
   this->container_ = files;  // the in-memory storage goes here
-  spilled_ = true;
+  files_ = files.get();
   return kZuOk;
 }
 
 template <typename T, typename Alloc>
 CZUMultiFileArrayImp<T>& CZUAutoDequeArray<T, Alloc>::Files() {
-  // spilled_ guarantees the storage type; the checked cast documents it.
-  return *dynamic_cast<CZUMultiFileArrayImp<T>*>(this->container_.get());
+  return *files_;
 }
 
 template <typename T, typename Alloc>
 void CZUAutoDequeArray<T, Alloc>::SetAt(uint64_t index, const void* value) {
-  if (!spilled_) {
+  if (!spilled()) {
     CZUImpArrayBase<T, IZUArrayImp<T>>::SetAt(index, value);
   } else if (index < this->Size()) {
     // In files the segment head and the samples follow the new value too.
@@ -135,7 +136,7 @@ void CZUAutoDequeArray<T, Alloc>::SetAt(uint64_t index, const void* value) {
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
-  if (!spilled_) return CZUImpArrayBase<T, IZUArrayImp<T>>::Find(value);
+  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::Find(value);
   const T& v = *static_cast<const T*>(value);
   uint64_t n = this->Size();
   uint64_t i = Files().LowerBound(v);
@@ -144,44 +145,44 @@ uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::UpperBound(const void* value) {
-  if (!spilled_) return CZUImpArrayBase<T, IZUArrayImp<T>>::UpperBound(value);
+  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::UpperBound(value);
   return Files().UpperBound(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::LowerBound(const void* value) {
-  if (!spilled_) return CZUImpArrayBase<T, IZUArrayImp<T>>::LowerBound(value);
+  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::LowerBound(value);
   return Files().LowerBound(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::FindNearest(void* inout, uint64_t tolerance) {
-  if (!spilled_) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindNearest(inout, tolerance);
+  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindNearest(inout, tolerance);
   return Files().FindNearest(static_cast<T*>(inout), tolerance);
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::LocateLowerBound(const void* value) {
-  if (!spilled_) return this->LowerBound(value);
+  if (!spilled()) return this->LowerBound(value);
   return Files().LocateLowerBound(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::FindFloor(const void* value) {
-  if (!spilled_) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindFloor(value);
+  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindFloor(value);
   return Files().FindFloor(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoDequeArray<T, Alloc>::LoadDescription(const base::DictionaryValue* desc) {
-  if (!spilled_) return true;  // only an array already in files can take a description
+  if (!spilled()) return true;  // only an array already in files can take a description
   if (desc == nullptr) return false;
   return Files().LoadDescription(*desc);
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoDequeArray<T, Alloc>::SaveDescription(base::DictionaryValue** out) {
-  if (!spilled_) return true;
+  if (!spilled()) return true;
   if (out == nullptr) return false;
   *out = Files().SaveDescription();
   return true;
@@ -192,7 +193,7 @@ bool CZUAutoDequeArray<T, Alloc>::Init() {
   auto deque = std::make_shared<CStdDeque<T, Alloc>>();
   this->SetMemoryStorage(deque.get(), nullptr);
   this->container_ = std::move(deque);
-  spilled_ = false;
+  files_ = nullptr;
   return this->container_ != nullptr;
 }
 
@@ -201,7 +202,7 @@ bool CZUAutoVectorArray<T, Alloc>::Init() {
   auto vector = std::make_shared<CStdVector<T, Alloc>>();
   this->SetMemoryStorage(nullptr, vector.get());
   this->container_ = std::move(vector);
-  this->spilled_ = false;
+  this->files_ = nullptr;
   return this->container_ != nullptr;
 }
 

@@ -55,7 +55,7 @@ class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
   // A fresh, empty in-memory storage (a block deque).
   bool Init() override;
 
-  bool spilled() const { return spilled_; }
+  bool spilled() const { return files_ != nullptr; }
   // The storage in use: the in-memory adapter, or the multi-file storage once spilled.
   IZUArrayImp<T>* storage() const { return this->container_.get(); }
 
@@ -64,7 +64,7 @@ class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
   // kZuNoSpace when the new storage refuses writes before anything moved. Exceptions from the
   // move pass to the caller with the array unchanged (the half-filled files are released).
   int SpillToFiles();
-  // The storage once spilled_ is true.
+  // The storage once spilled() is true.
   CZUMultiFileArrayImp<T>& Files();
   // Runs an add; any exception clears the array and becomes a result code.
   template <typename Fn>
@@ -83,7 +83,9 @@ class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
     memory_vector_ = vector;
   }
 
-  bool spilled_ = false;  // true exactly when container_ holds a CZUMultiFileArrayImp<T>
+  // Once spilled, the multi-file storage container_ holds, as its concrete type; else null.
+  // Appends that only join a file stage go straight to it.
+  CZUMultiFileArrayImp<T>* files_ = nullptr;
   // While in memory, the storage container_ holds, as its concrete type: the deque for this
   // flavour, the vector for the vector flavour, the other one null. Both null once spilled.
   CStdDeque<T, Alloc>* memory_deque_ = nullptr;

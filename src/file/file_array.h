@@ -35,7 +35,14 @@ template <typename T>
 class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
  public:
   using Storage = CZUMultiFileArrayImp<T>;
+  using Base = CZUImpArrayBase<T, Storage>;
 
+  // The staged single append is tried first, outside the exception guard, so that the common
+  // case costs no more than a few stores; the rest takes the guarded path.
+  int Append(const void* value) override {
+    if (this->container_->TryStage(*static_cast<const T*>(value))) return kZuOk;
+    return AppendGuarded(value);
+  }
   void SetAt(uint64_t index, const void* value) override;
   // The storage's cached last element; an empty storage (no file) answers its all-ones
   // element, so out is always written.
@@ -58,6 +65,9 @@ class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
   bool SaveDescription(base::DictionaryValue** out) override;
   // Creates the empty storage; no file is made before the first element.
   bool Init() override;
+
+ private:
+  [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
 };
 
 #define ZU_DECLARE_FILE_ARRAY(T)                                     \

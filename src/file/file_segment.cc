@@ -245,12 +245,13 @@ void CZUFileArrayImp<T>::RecordSamples(uint64_t index, const T& value) {
 
 template <typename T>
 void CZUFileArrayImp<T>::WriteStage() {
-  if (staged_ == 0) return;
+  if (stage_first_ == kNoStage) return;
   CZUScopedLock write(write_lock_);
-  const uint64_t first = size_ - staged_;
+  const uint64_t first = stage_first_;
   const T* data = stage_.get() + first % kStageLength;
-  const size_t bytes = static_cast<size_t>(staged_) * sizeof(T);
-  staged_ = 0;
+  const size_t bytes = static_cast<size_t>(size_ - first) * sizeof(T);
+  stage_first_ = kNoStage;
+  fast_end_ = 0;
   if (platform::Current().WriteAt(file_, first * sizeof(T), data, bytes) ==
       platform::IoStatus::kOk) {
     return;
@@ -264,7 +265,8 @@ void CZUFileArrayImp<T>::WriteStage() {
 
 template <typename T>
 void CZUFileArrayImp<T>::DropStage() {
-  staged_ = 0;
+  stage_first_ = kNoStage;
+  fast_end_ = 0;
   stage_.reset();
 }
 
@@ -312,7 +314,7 @@ const T* CZUFileArrayImp<T>::GetReadPtr(int64_t index) {
   if (i >= size_) return &dummy;
   // Staged elements are answered from the stage (the address stays valid until that slot is
   // reused, well after any caller has copied the element).
-  if (i >= size_ - staged_) return stage_.get() + i % kStageLength;
+  if (i >= stage_first_) return stage_.get() + i % kStageLength;
   const T* view = ReadChunk(chunk);
   if (view == nullptr) return &dummy;
   read_position_ = i;
@@ -358,8 +360,8 @@ void CZUFileArrayImp<T>::PushBackSlow(const T& value) {
   if (!stage_) stage_ = std::make_unique<T[]>(kStageLength);
   RecordSamples(size_, value);
   stage_[size_ % kStageLength] = value;
+  if (stage_first_ == kNoStage) stage_first_ = size_;
   ++size_;
-  ++staged_;
   last_value_ = value;
   // Whole stage-aligned runs go out at once; they never cross a chunk, so the write view
   // still covers them.
@@ -368,6 +370,13 @@ void CZUFileArrayImp<T>::PushBackSlow(const T& value) {
     if (size_ >= kMaxSize) stage_.reset();  // a full segment takes no more single appends
   }
   FlushIfPending();
+  if (stage_first_ != kNoStage && !flush_pending_ && !dead_) {
+    // The run has begun, so its chunk is mapped and within capacity. Stop before the next
+    // sample index and before the run's last index (that append writes the run).
+    const uint64_t next_sample = (size_ + sample_mask_) & ~sample_mask_;
+    const uint64_t run_last = (size_ / kStageLength + 1) * kStageLength - 1;
+    fast_end_ = std::min(next_sample, run_last);
+  }
 }
 
 template <typename T>

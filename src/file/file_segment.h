@@ -87,24 +87,21 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // Size to 0, samples dropped; the file keeps its length so refilling does not grow it.
   void Clear() override;
   int64_t GetSize() override { return static_cast<int64_t>(size_); }
-  // Appends one element; a full segment ignores it. Inline for its common case: an element
-  // that joins a stage run already begun, records no sample and does not complete the run
-  // touches neither a view, nor the file, nor the samples, so it takes no lock (appends come
-  // from one thread at a time); everything else goes through PushBackSlow under the write
-  // lock.
+  // Appends one element; a full segment ignores it.
   void PushBack(const T& value) override {
+    if (!TryStage(value)) PushBackSlow(value);
+  }
+  // The common case of a single append, inline: an element below fast_end_ joins a stage run
+  // already begun, records no sample and does not complete the run, so it touches neither a
+  // view, nor the file, nor the samples and takes no lock (appends come from one thread at a
+  // time). False, with nothing done, for everything else: PushBack takes the write lock then.
+  bool TryStage(const T& value) {
     const uint64_t index = size_;
-    if (staged_ != 0 && (index & sample_mask_) != 0 && (index + 1) % kStageLength != 0 && !dead_ &&
-        !flush_pending_) {
-      // staged_ != 0: the stage exists, the run holding `index` has begun (a completed run is
-      // written at once), so the chunk is mapped and within capacity, and index < kMaxSize.
-      stage_[index % kStageLength] = value;
-      size_ = index + 1;
-      ++staged_;
-      last_value_ = value;
-      return;
-    }
-    PushBackSlow(value);
+    if (index >= fast_end_) return false;
+    stage_[index % kStageLength] = value;
+    size_ = index + 1;
+    last_value_ = value;
+    return true;
   }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   // Appends up to the segment's capacity (the rest is left in the source) and leaves `first`
@@ -210,7 +207,13 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   uint64_t sample_mask_ = 0;         // sample_interval_ - 1
   unsigned sample_shift_ = 0;        // log2(sample_interval_)
   std::unique_ptr<T[]> stage_;       // single appends not yet written; slot = index mod stage
-  uint64_t staged_ = 0;              // the last staged_ elements (below size_) are in stage_
+  // Elements from stage_first_ to size_ are in stage_ (not yet in the file); kNoStage: none.
+  static constexpr uint64_t kNoStage = ~uint64_t{0};
+  uint64_t stage_first_ = kNoStage;
+  // Single appends at indexes below this take the inline path: the stage run holding size_
+  // has begun, and neither a sample index nor the run's last index lies in [size_, fast_end_).
+  // Nothing above size_ while the stage is empty, the segment is dead or a flush is pending.
+  uint64_t fast_end_ = 0;
   bool wide_read_view_ = false;      // the read view spans the segment from offset 0
   bool dead_ = false;                // failed: every operation is a no-op
   bool flush_pending_ = false;       // flush the write view after the next append

@@ -45,11 +45,14 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   int64_t GetSize() override;
   // Inline: single appends are the storage's hottest path.
   void PushBack(const T& value) override {
+    if (TryStage(value)) return;
     if (last_ == nullptr || static_cast<uint64_t>(last_->GetSize()) >= kSegmentCapacity) {
       AddSegment(value);  // a dead segment ignores the value
     }
     last_->PushBack(value);
   }
+  // A single append that only joins the last segment's stage; false (nothing done) otherwise.
+  bool TryStage(const T& value) { return last_ != nullptr && last_->TryStage(value); }
   void Assign(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   void Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) override;
   // Copies up to count elements from offset, across segment borders; count returns how many.
