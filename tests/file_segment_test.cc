@@ -89,7 +89,15 @@ TEST(CZUFileArrayImp, SingleAppendsCrossChunksLikeRangeAppends) {
   }
   EXPECT_EQ(*bulk.GetBackReadPtr(), values.back());
   EXPECT_EQ(*strided.GetBackReadPtr(), values.back());
-  EXPECT_EQ(bulk.LastSamplePosition(), (values.size() - 1) / interval * interval);
+  const uint64_t last_sample = (values.size() - 1) / interval * interval;
+  EXPECT_EQ(bulk.LastSamplePosition(), last_sample);
+  // Single appends skip the sample bookkeeping on most elements; none that needs a sample
+  // may slip through, or searches would pick the wrong page.
+  EXPECT_EQ(pushed.LastSamplePosition(), last_sample);
+  for (uint64_t i = interval - 1; i < values.size(); i += interval) {
+    ASSERT_EQ(pushed.SegmentLowerBound(values[i]), i) << i;
+    ASSERT_EQ(pushed.SegmentLocateLowerBound(values[i]), (i / interval + 1) * interval) << i;
+  }
 }
 
 TEST(CZUFileArrayImp, AppendsStopSilentlyAtTheMaximumSize) {
