@@ -77,29 +77,6 @@ double Median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
-// CPU seconds used by every thread of this process so far (a peer's own I/O threads too).
-double CpuSeconds() {
-  timespec t{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
-  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
-}
-
-// Wall and process CPU time of one timed run, appended to a contender's samples on Stop.
-struct Times {
-  std::vector<double> wall, cpu;
-};
-class Stopwatch {
- public:
-  void Stop(Times* into) const {
-    into->wall.push_back(Seconds(wall_, Clock::now()));
-    into->cpu.push_back(CpuSeconds() - cpu_);
-  }
-
- private:
-  Clock::time_point wall_ = Clock::now();
-  double cpu_ = CpuSeconds();
-};
-
 // ---------------------------------------------------------------------------------------------
 // Process counters.
 
@@ -112,14 +89,46 @@ long StatusKiB(const char* key) {
   return -1;
 }
 
-// Bytes this process caused to be read from the block device (/proc/self/io read_bytes).
-int64_t ReadBytes() {
+// A counter of /proc/self/io ("read_bytes:", "wchar:"); -1 when missing.
+int64_t IoCounter(const std::string& key) {
   std::ifstream io("/proc/self/io");
   for (std::string line; std::getline(io, line);) {
-    if (line.rfind("read_bytes:", 0) == 0) return std::strtoll(line.c_str() + 11, nullptr, 10);
+    if (line.rfind(key, 0) == 0) return std::strtoll(line.c_str() + key.size(), nullptr, 10);
   }
   return -1;
 }
+
+// Bytes this process caused to be read from the block device.
+int64_t ReadBytes() { return IoCounter("read_bytes:"); }
+// Bytes this process (every thread) handed to write calls: file writes that went through
+// the page cache, not stores into a mapping.
+int64_t WrittenBytes() { return IoCounter("wchar:"); }
+
+// CPU seconds used by every thread of this process so far (a peer's own I/O threads too).
+double CpuSeconds() {
+  timespec t{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+// Wall and process CPU time of one timed run, and the bytes it handed to write calls,
+// appended to a contender's samples on Stop.
+struct Times {
+  std::vector<double> wall, cpu, written;
+};
+class Stopwatch {
+ public:
+  void Stop(Times* into) const {
+    into->wall.push_back(Seconds(wall_, Clock::now()));
+    into->cpu.push_back(CpuSeconds() - cpu_);
+    into->written.push_back(static_cast<double>(WrittenBytes() - written_));
+  }
+
+ private:
+  int64_t written_ = WrittenBytes();
+  Clock::time_point wall_ = Clock::now();
+  double cpu_ = CpuSeconds();
+};
 
 int64_t MajorFaults() {
   rusage usage{};
@@ -274,19 +283,23 @@ void AddNote(Row& r, const std::string& text) {
 }
 
 // CPU time per element, every thread of the process counted: a peer that hands its writes to
-// I/O threads of its own shows here what its wall time leaves out. Contenders without samples
-// are left out.
-std::string CpuNote(uint64_t n, const Times& zu, const Times& stxxl, const Times& boost) {
-  std::string text = "CPU ns/elem, all threads:";
+// I/O threads of its own shows here what its wall time leaves out. Then the bytes written
+// while timed: a peer still holding everything in its cache has written none yet. Contenders
+// without samples are left out.
+std::string CostNote(uint64_t n, const Times& zu, const Times& stxxl, const Times& boost) {
   const std::pair<const char*, const Times*> contenders[] = {
       {"zu", &zu}, {"stxxl", &stxxl}, {"boost", &boost}};
+  std::string cpu = "CPU ns/elem, all threads:";
+  std::string written = "KiB written while timed:";
   for (const auto& [name, t] : contenders) {
     if (t->cpu.empty()) continue;
     char part[48];
     std::snprintf(part, sizeof part, " %s %.2f", name, Median(t->cpu) * 1e9 / n);
-    text += part;
+    cpu += part;
+    std::snprintf(part, sizeof part, " %s %.0f", name, Median(t->written) / 1024);
+    written += part;
   }
-  return text;
+  return cpu + "; " + written;
 }
 
 void PrintRow(const Row& r) {
@@ -511,7 +524,7 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
   if (kind == "file" || kind == "auto") AddRatio(r, "stxxl", r.stxxl);
   if (kind == "file") AddRatio(r, "boost", r.boost);
   if (kind == "file" || kind == "auto") {
-    AddNote(r, CpuNote(n, zu, stx, bst));
+    AddNote(r, CostNote(n, zu, stx, bst));
     if (kind == "auto" && n > zu::kSpillThreshold) AddNote(r, "includes the move into files");
   }
   Add(r);
@@ -607,7 +620,7 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
   AddRatio(r, "pwrite", r.limit);
   AddRatio(r, "stxxl", r.stxxl);
   AddRatio(r, "boost", r.boost);
-  AddNote(r, CpuNote(n, zu, stx, bst));
+  AddNote(r, CostNote(n, zu, stx, bst));
   // Twice a peer's rate is out of reach for any writer through the page cache once it is
   // above what plain pwrite managed in this run; say so where it is.
   for (const auto& [name, rate] : {std::pair<const char*, double>{"stxxl", r.stxxl},
