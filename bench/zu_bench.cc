@@ -282,6 +282,16 @@ void AddNote(Row& r, const std::string& text) {
   r.note += r.note.empty() ? text : "; " + text;
 }
 
+// The slowest and the fastest run as "low-high" millions of elements per second: where one
+// contender's runs spread far wider than another's, what varies is the machine (on a virtual
+// machine, fresh memory the host has to map first), not the code.
+std::string Spread(uint64_t n, const std::vector<double>& times) {
+  if (times.empty()) return "-";
+  const auto [fastest, slowest] = std::minmax_element(times.begin(), times.end());
+  return Format(static_cast<double>(n) / *slowest / 1e6) + "-" +
+         Format(static_cast<double>(n) / *fastest / 1e6);
+}
+
 // CPU time per element, every thread of the process counted: a peer that hands its writes to
 // I/O threads of its own shows here what its wall time leaves out. Then the bytes written
 // while timed: a peer still holding everything in its cache has written none yet. Contenders
@@ -291,6 +301,7 @@ std::string CostNote(uint64_t n, const Times& zu, const Times& stxxl, const Time
       {"zu", &zu}, {"stxxl", &stxxl}, {"boost", &boost}};
   std::string cpu = "CPU ns/elem, all threads:";
   std::string written = "KiB written while timed:";
+  std::string spread = "runs spanned (M elem/s):";
   for (const auto& [name, t] : contenders) {
     if (t->cpu.empty()) continue;
     char part[48];
@@ -298,8 +309,9 @@ std::string CostNote(uint64_t n, const Times& zu, const Times& stxxl, const Time
     cpu += part;
     std::snprintf(part, sizeof part, " %s %.0f", name, Median(t->written) / 1024);
     written += part;
+    spread += " " + std::string(name) + " " + Spread(n, t->wall);
   }
-  return cpu + "; " + written;
+  return cpu + "; " + written + "; " + spread;
 }
 
 void PrintRow(const Row& r) {
@@ -618,6 +630,7 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
   r.limit_name = "pwrite";
   r.limit = Rate(n, pw);
   AddRatio(r, "pwrite", r.limit);
+  AddNote(r, "pwrite runs spanned " + Spread(n, pw));
   AddRatio(r, "stxxl", r.stxxl);
   AddRatio(r, "boost", r.boost);
   AddNote(r, CostNote(n, zu, stx, bst));
