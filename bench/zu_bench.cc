@@ -415,12 +415,18 @@ double RatePerSecond(uint64_t per_batch, double budget, const std::function<void
 
 volatile int64_t g_sink = 0;
 
-// Starts run `rep` with a different contender each time, so that no contender always runs
-// first: on a virtual machine that hands freed memory back to its host, whoever first
-// allocates after a long write-back pays for the host mapping that memory again.
-void RotateForRep(std::vector<std::function<void()>>& runs, int rep) {
+// Runs one round of contenders, each after the file system's dirty pages are written back
+// (so that no writer is throttled by the one before). Round `rep` starts with a different
+// contender each time, so that none always runs first: on a virtual machine that hands freed
+// memory back to its host, whoever first allocates after a long write-back pays for the host
+// mapping that memory again.
+void RunRound(std::vector<std::function<void()>>& runs, int rep) {
   if (runs.empty()) return;
   std::rotate(runs.begin(), runs.begin() + rep % static_cast<int>(runs.size()), runs.end());
+  for (auto& run : runs) {
+    g_dir->Settle();
+    run();
+  }
 }
 
 // Millions of elements per second for `n` elements taking the median of `times`.
@@ -471,8 +477,6 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
   Row r = MakeRow("append one-by-one", kind, n, "M elem/s");
   Times zu, vec, deq, stx, bst;
   for (int rep = 0; rep < reps; ++rep) {
-    // The order rotates, so that allocator and page-cache state left by one contender falls
-    // on each of them alike.
     std::vector<std::function<void()>> runs;
     runs.push_back([&] {
       std::unique_ptr<IZUArray> a(NewArray(kind));
@@ -519,12 +523,7 @@ void AppendOne(const std::string& kind, const std::vector<int64_t>& src, int rep
       });
     }
 #endif
-    RotateForRep(runs, rep);
-    // As in the bulk scenario, every writer starts with no dirty pages left by the one before.
-    for (auto& run : runs) {
-      g_dir->Settle();
-      run();
-    }
+    RunRound(runs, rep);
   }
   r.zu = Rate(n, zu.wall);
   r.std_vector = Rate(n, vec.wall);
@@ -584,7 +583,6 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
   std::vector<double> pw;
   for (int rep = 0; rep < reps; ++rep) {
     const bool last = rep + 1 == reps;
-    // Every writer starts with no dirty pages left by the one before, in rotating order.
     std::vector<std::function<void()>> runs;
     runs.push_back([&] {
       std::unique_ptr<IZUArray> a(NewArray("file"));
@@ -618,11 +616,7 @@ void AppendBulk(const std::vector<int64_t>& src, int reps, double memcpy_rate, F
       if (last) keep->boost = std::move(peer);
     });
 #endif
-    RotateForRep(runs, rep);
-    for (auto& run : runs) {
-      g_dir->Settle();
-      run();
-    }
+    RunRound(runs, rep);
   }
   r.zu = Rate(n, zu.wall);
   r.stxxl = Rate(n, stx.wall);
