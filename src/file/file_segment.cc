@@ -297,9 +297,16 @@ T* CZUFileArrayImp<T>::GetWritePtr(int64_t index) {
 template <typename T>
 const T* CZUFileArrayImp<T>::GetReadPtr(int64_t index) {
   static T dummy{};
+  const auto i = static_cast<uint64_t>(index);
+  // The common random read: a wide view is mapped once and moves only when the segment dies
+  // or drops its file (and is null then), so an element that is neither sampled nor staged
+  // comes straight from it, without the lock, as single appends do.
+  if (read_view_ != nullptr && wide_read_view_ && i < size_ && i < stage_first_ &&
+      (i & sample_mask_) != 0) {
+    return read_view_ + i;
+  }
   CZUScopedLock read(read_lock_);
   if (dead_) return &dummy;
-  const auto i = static_cast<uint64_t>(index);
   const uint64_t chunk = i / kChunkLength;
   if (ready_ && (i & sample_mask_) == 0) {
     // Sampled elements never need the file. A sample exists only for an appended element.

@@ -29,7 +29,7 @@
 // take read then write. One writer at a time; do not destroy or attach while appending. A
 // single append that only joins the stage (no sample, no file write, no view) takes no lock:
 // it is the one writer's own state, and the lock's atomic operation would cost more than the
-// append.
+// append. Nor does a read of a file element through a wide read view, which never moves.
 #ifndef ZU_FILE_FILE_SEGMENT_H_
 #define ZU_FILE_FILE_SEGMENT_H_
 
