@@ -45,7 +45,6 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   int64_t GetSize() override;
   // Inline: single appends are the storage's hottest path.
   void PushBack(const T& value) override {
-    if (TryStage(value)) return;
     if (last_ == nullptr || static_cast<uint64_t>(last_->GetSize()) >= kSegmentCapacity) {
       AddSegment(value);  // a dead segment ignores the value
     }
