@@ -907,6 +907,60 @@ void RandomGetAt(Filled& f) {
   Add(r);
 }
 
+// The next index of a chain of dependent reads: it needs the element just read, so every read
+// waits for the one before and pays its whole memory latency (as code that follows links
+// does), where independent reads overlap.
+inline uint64_t NextInChain(uint64_t index, int64_t value, uint64_t n) {
+  return (index * 0x9E3779B97F4A7C15ull + static_cast<uint64_t>(value)) % n;
+}
+
+void DependentGetAt(Filled& f) {
+  const uint64_t n = f.vector.size();
+  Row r = MakeRow("random GetAt chained", "file", n, "M ops/s");
+  constexpr size_t kReads = size_t{1} << 16;
+  std::vector<Contender> contenders;
+  contenders.emplace_back("zu", &r.zu, [&](const std::vector<int64_t>& start, size_t count) {
+    uint64_t i = static_cast<uint64_t>(start[0]);
+    int64_t out = 0;
+    for (size_t k = 0; k < count; ++k) {
+      f.file->GetAt(i, &out);
+      i = NextInChain(i, out, n);
+    }
+    return i;
+  });
+  contenders.emplace_back("std::vector", &r.std_vector,
+                          [&](const std::vector<int64_t>& start, size_t count) {
+                            uint64_t i = static_cast<uint64_t>(start[0]);
+                            for (size_t k = 0; k < count; ++k) i = NextInChain(i, f.vector[i], n);
+                            return i;
+                          });
+#ifdef ZU_BENCH_HAVE_STXXL
+  contenders.emplace_back(
+      "stxxl", &r.stxxl,
+      [&](const std::vector<int64_t>& start, size_t count) {
+        const StxxlVector& cv = *f.stxxl;
+        uint64_t i = static_cast<uint64_t>(start[0]);
+        for (size_t k = 0; k < count; ++k) i = NextInChain(i, cv[i], n);
+        return i;
+      },
+      64);
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+  contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& start, size_t count) {
+    const BoostVector& v = f.boost->v();
+    uint64_t i = static_cast<uint64_t>(start[0]);
+    for (size_t k = 0; k < count; ++k) i = NextInChain(i, v[i], n);
+    return i;
+  });
+#endif
+  RunRounds(contenders, WarmRounds(n), kReads, n, false, 9, {});
+  FillRow(r, contenders);
+  AddNote(r,
+          "64 Ki reads per round, each index computed from the element read before it, "
+          "from a fresh random start every round");
+  Add(r);
+}
+
 // Warm LowerBound, UpperBound and Find on the file array (all its pages mapped by the reads
 // before) next to the standard algorithms over std::vector, the Boost vector and STXXL.
 // Returns the file array's median ns of LowerBound, the steady state of the first-pass row.
@@ -1415,7 +1469,10 @@ int main(int argc, char** argv) {
     AppendBulk(src, reps, memcpy_rate, &filled);
     if (wanted("read")) ReadSequential(filled, std::max(reps, 2), memcpy_rate);
     if (wanted("getat") || wanted("lbwarm") || wanted("first")) MapForReading(filled.file.get(), n);
-    if (wanted("getat")) RandomGetAt(filled);
+    if (wanted("getat")) {
+      RandomGetAt(filled);
+      DependentGetAt(filled);
+    }
     double steady = NAN;
     if (wanted("lbwarm")) steady = SearchWarm(filled);
     if (wanted("first")) {
