@@ -21,7 +21,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "src/auto/array_imp.h"
+#include "src/file/array_imp.h"
 #include "src/auto/std_adapters.h"
 #include "src/core/element_list.h"
 #include "src/file/imp_array_base.h"

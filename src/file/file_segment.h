@@ -38,7 +38,7 @@
 #include <string>
 #include <vector>
 
-#include "src/auto/array_imp.h"
+#include "src/file/array_imp.h"
 #include "src/core/critical_section.h"
 #include "src/core/element_list.h"
 #include "src/core/range.h"

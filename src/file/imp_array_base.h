@@ -15,7 +15,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "src/auto/array_imp.h"
+#include "src/file/array_imp.h"
 #include "src/core/bisect.h"
 #include "src/core/errors.h"
 #include "src/memory/array_base.h"

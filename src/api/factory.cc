@@ -1,4 +1,5 @@
-// The factory: the one place where the element type is chosen at run time.
+// The factory: the one place that knows every array kind, and where the element type is
+// chosen at run time.
 #include <cstdint>
 #include <limits>
 #include <memory>

@@ -9,8 +9,8 @@
 //
 // Ownership: created with new and held by a std::shared_ptr; destroyed with its last owner.
 // Thread-safety: not thread-safe: one thread per storage (file segments lock their views).
-#ifndef ZU_AUTO_ARRAY_IMP_H_
-#define ZU_AUTO_ARRAY_IMP_H_
+#ifndef ZU_FILE_ARRAY_IMP_H_
+#define ZU_FILE_ARRAY_IMP_H_
 
 #include <cstdint>
 #include <memory>
@@ -52,4 +52,4 @@ class IZUArrayImp {
 
 }  // namespace zu
 
-#endif  // ZU_AUTO_ARRAY_IMP_H_
+#endif  // ZU_FILE_ARRAY_IMP_H_
