@@ -127,7 +127,7 @@ CZUMultiFileArrayImp<T>& CZUAutoDequeArray<T, Alloc>::Files() {
 template <typename T, typename Alloc>
 void CZUAutoDequeArray<T, Alloc>::SetAt(uint64_t index, const void* value) {
   if (!spilled()) {
-    CZUImpArrayBase<T, IZUArrayImp<T>>::SetAt(index, value);
+    CZUArrayBase<T, IZUArrayImp<T>>::SetAt(index, value);
   } else if (index < this->Size()) {
     // In files the segment head and the samples follow the new value too.
     Files().SetElement(index, *static_cast<const T*>(value));
@@ -136,7 +136,7 @@ void CZUAutoDequeArray<T, Alloc>::SetAt(uint64_t index, const void* value) {
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
-  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::Find(value);
+  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::Find(value);
   const T& v = *static_cast<const T*>(value);
   uint64_t n = this->Size();
   uint64_t i = Files().LowerBound(v);
@@ -145,19 +145,19 @@ uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::UpperBound(const void* value) {
-  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::UpperBound(value);
+  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::UpperBound(value);
   return Files().UpperBound(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::LowerBound(const void* value) {
-  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::LowerBound(value);
+  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::LowerBound(value);
   return Files().LowerBound(*static_cast<const T*>(value));
 }
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::FindNearest(void* inout, uint64_t tolerance) {
-  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindNearest(inout, tolerance);
+  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::FindNearest(inout, tolerance);
   return Files().FindNearest(static_cast<T*>(inout), tolerance);
 }
 
@@ -169,7 +169,7 @@ uint64_t CZUAutoDequeArray<T, Alloc>::LocateLowerBound(const void* value) {
 
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::FindFloor(const void* value) {
-  if (!spilled()) return CZUImpArrayBase<T, IZUArrayImp<T>>::FindFloor(value);
+  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::FindFloor(value);
   return Files().FindFloor(*static_cast<const T*>(value));
 }
 
@@ -207,7 +207,7 @@ bool CZUAutoVectorArray<T, Alloc>::Init() {
 }
 
 #define ZU_DEFINE_AUTO_ARRAYS(T)                     \
-  template class CZUImpArrayBase<T, IZUArrayImp<T>>; \
+  template class CZUArrayBase<T, IZUArrayImp<T>>; \
   template class CZUAutoDequeArray<T>;               \
   template class CZUAutoVectorArray<T>;
 ZU_FOR_EACH_ELEMENT_TYPE(ZU_DEFINE_AUTO_ARRAYS)

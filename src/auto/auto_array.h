@@ -35,7 +35,7 @@ constexpr uint64_t kSpillThreshold = 8388608;
 constexpr uint32_t kMigrateChunk = 8192;
 
 template <typename T, typename Alloc = std::allocator<T>>
-class CZUAutoDequeArray : public CZUImpArrayBase<T, IZUArrayImp<T>> {
+class CZUAutoDequeArray : public CZUArrayBase<T, IZUArrayImp<T>> {
  public:
   // Builds the in-memory storage with this class's own Init (not the virtual one).
   CZUAutoDequeArray() { CZUAutoDequeArray::Init(); }
@@ -107,7 +107,7 @@ class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc> {
 };
 
 #define ZU_DECLARE_AUTO_ARRAYS(T)                           \
-  extern template class CZUImpArrayBase<T, IZUArrayImp<T>>; \
+  extern template class CZUArrayBase<T, IZUArrayImp<T>>; \
   extern template class CZUAutoDequeArray<T>;               \
   extern template class CZUAutoVectorArray<T>;
 ZU_FOR_EACH_ELEMENT_TYPE(ZU_DECLARE_AUTO_ARRAYS)

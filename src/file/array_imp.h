@@ -43,11 +43,6 @@ class IZUArrayImp {
   virtual void ReadData(T* /*dest*/, int64_t /*offset*/, int64_t& /*count*/) {
     ThrowNotImplement();
   }
-
-  // Container-style names, so that the container array base can hold any storage.
-  uint64_t size() { return static_cast<uint64_t>(GetSize()); }
-  void clear() { Clear(); }
-  void push_back(const T& value) { PushBack(value); }
 };
 
 }  // namespace zu

@@ -73,7 +73,7 @@ bool CZUFileArray<T>::Init() {
 }
 
 #define ZU_DEFINE_FILE_ARRAY(T)                               \
-  template class CZUImpArrayBase<T, CZUMultiFileArrayImp<T>>; \
+  template class CZUArrayBase<T, CZUMultiFileArrayImp<T>>; \
   template class CZUFileArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DEFINE_FILE_ARRAY)
 #undef ZU_DEFINE_FILE_ARRAY

@@ -29,13 +29,10 @@
 namespace zu {
 
 template <typename T>
-struct ContainerOps<CZUMultiFileArrayImp<T>> : StorageContainerOps<T> {};
-
-template <typename T>
-class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
+class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
  public:
   using Storage = CZUMultiFileArrayImp<T>;
-  using Base = CZUImpArrayBase<T, Storage>;
+  using Base = CZUArrayBase<T, Storage>;
 
   // The staged single append is tried first, outside the exception guard, so that the common
   // case costs no more than a few stores; the rest takes the guarded path.
@@ -71,7 +68,7 @@ class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
 };
 
 #define ZU_DECLARE_FILE_ARRAY(T)                                     \
-  extern template class CZUImpArrayBase<T, CZUMultiFileArrayImp<T>>; \
+  extern template class CZUArrayBase<T, CZUMultiFileArrayImp<T>>; \
   extern template class CZUFileArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_FILE_ARRAY)
 #undef ZU_DECLARE_FILE_ARRAY

@@ -19,7 +19,7 @@ template <typename T>
 T* CZUMultiFileArrayImp<T>::GetWritePtr(int64_t index) {
   static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= this->size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
   return segments_[i / kSegmentCapacity]->GetWritePtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
@@ -27,7 +27,7 @@ template <typename T>
 const T* CZUMultiFileArrayImp<T>::GetReadPtr(int64_t index) {
   static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= this->size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
   return segments_[i / kSegmentCapacity]->GetReadPtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
@@ -97,7 +97,7 @@ void CZUMultiFileArrayImp<T>::Append(const ZuArrayIter<T>& first, const ZuArrayI
 template <typename T>
 void CZUMultiFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) {
   const uint64_t want = count > 0 ? static_cast<uint64_t>(count) : 0;
-  const uint64_t total = this->size();
+  const uint64_t total = Size();
   count = 0;
   if (offset < 0 || static_cast<uint64_t>(offset) > total) return;
   auto position = static_cast<uint64_t>(offset);
@@ -121,7 +121,7 @@ void CZUMultiFileArrayImp<T>::ReadData(T* dest, int64_t offset, int64_t& count) 
 template <typename T>
 void CZUMultiFileArrayImp<T>::SetElement(uint64_t index, const T& value) {
   const uint64_t s = index / kSegmentCapacity;
-  if (index >= this->size() || s >= segments_.size()) return;
+  if (index >= Size() || s >= segments_.size()) return;
   if (index % kSegmentCapacity == 0) heads_[s] = value;
   segments_[s]->SetElement(index % kSegmentCapacity, value);
 }
@@ -194,7 +194,7 @@ uint64_t CZUMultiFileArrayImp<T>::FindNearest(T* inout, uint64_t tolerance) {
 
 template <typename T>
 uint64_t CZUMultiFileArrayImp<T>::FindFloor(const T& value) {
-  const uint64_t n = this->size();
+  const uint64_t n = Size();
   if (n == 0 || segments_.empty()) return 0;
   const uint64_t i = LocateLowerBound(value);
   if (i > n) return segments_.back()->LastSamplePosition();

@@ -93,6 +93,7 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   // answer is turned into an array position; 0 when value is at or below the first head.
   template <typename Search>
   uint64_t InCandidateSegment(const T& value, bool upper, Search&& search);
+  uint64_t Size() { return static_cast<uint64_t>(GetSize()); }
   // A dummy element whose bytes are all ones.
   static T* AllOnes(T* dummy);
 

@@ -5,9 +5,10 @@
 //    (FindNearest, LocateLowerBound, FindFloor, AppendBuffer, the refusing AppendRange, the
 //    description stubs, GetItemPtr). Every array class shares them, so a class that overrides
 //    LowerBound, GetAt or AppendRange changes their answers accordingly.
-//  * CZUArrayBase<T, Container> gives the container bodies for std::vector and std::xdeque.
-//    What differs between those two containers lives in ContainerOps<Container>, specialised
-//    next to each container.
+//  * CZUArrayBase<T, Container> gives the container bodies. Which bodies depends on the
+//    container's family: the in-memory containers (std::vector, std::xdeque) get those below,
+//    written over ContainerOps<Container>, which is specialised next to each container; the
+//    file layer gives the bodies for its storages (src/file/imp_array_base.h).
 //
 // Ownership: the array owns its container through a shared pointer, set by Init().
 // Thread-safety: not thread-safe: one thread per array.
@@ -74,6 +75,14 @@ class CZUArrayCommon : public IZUArray {
   virtual unsigned char* GetItemPtr(uint64_t /*index*/) { return nullptr; }
 };
 
+// Which family of bodies CZUArrayBase gives a container: the in-memory one unless a layer
+// above names another for its own containers.
+struct InMemoryFamily {};
+template <typename Container>
+struct ArrayBaseFamily {
+  using type = InMemoryFamily;
+};
+
 // Per-container operations: At(c, i), InsertRange(c, pos, first, last), CopyOut(c, from, n,
 // dest), EraseAll(c) (keeps capacity or blocks for reuse), and optionally TryPushBack(c, v)
 // (a push that allocates nothing, or false). Specialised next to each container.
@@ -100,7 +109,8 @@ bool TryPushBackWithinLimit(Container& c, const T& v) {
   return c.size() < kMaxInMemoryElements && Ops::TryPushBack(c, v);
 }
 
-template <typename T, typename Container>
+template <typename T, typename Container,
+          typename Family = typename ArrayBaseFamily<Container>::type>
 class CZUArrayBase : public CZUArrayCommon<T> {
  public:
   using Ops = ContainerOps<Container>;

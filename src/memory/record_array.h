@@ -42,7 +42,7 @@ using RecordPtr = unsigned char*;
 constexpr unsigned int kRecordBlockLength = 0x100000;
 
 template <typename Container>
-class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
+class CZUArrayBase<RecordPtr, Container, InMemoryFamily> : public CZUArrayCommon<RecordPtr> {
  public:
   using Ops = ContainerOps<Container>;
 
