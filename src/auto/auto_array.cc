@@ -23,35 +23,33 @@ int CZUAutoDequeArray<T, Alloc>::GuardAndClear(Fn&& add) {
 // Single appends test the size before adding: the in-memory storage keeps up to
 // kSpillThreshold elements, and the append that would make one more moves them first.
 template <typename T, typename Alloc>
-int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
+template <typename Memory>
+int CZUAutoDequeArray<T, Alloc>::AppendTo(const void* value) {
   const T& v = *static_cast<const T*>(value);
-  if (memory_deque_ != nullptr) return AppendInMemory(*memory_deque_, v);
-  if (files_ != nullptr && files_->TryStage(v)) return kZuOk;
+  if (!spilled_) {
+    // At the threshold the general path moves the elements first.
+    auto& memory = static_cast<Memory&>(*this->container_);
+    if (memory.size() < kSpillThreshold && memory.try_push_back(v)) return kZuOk;
+  } else if (Files().TryStage(v)) {
+    return kZuOk;
+  }
   return AppendToStorage(v);
 }
 
-// The same over the vector storage: each flavour tests only its own pointer, so that its
-// common case runs straight through.
 template <typename T, typename Alloc>
-int CZUAutoVectorArray<T, Alloc>::Append(const void* value) {
-  const T& v = *static_cast<const T*>(value);
-  if (this->memory_vector_ != nullptr) return this->AppendInMemory(*this->memory_vector_, v);
-  if (this->files_ != nullptr && this->files_->TryStage(v)) return kZuOk;
-  return this->AppendToStorage(v);
+int CZUAutoDequeArray<T, Alloc>::Append(const void* value) {
+  return AppendTo<CStdDeque<T, Alloc>>(value);
 }
 
 template <typename T, typename Alloc>
-template <typename Memory>
-int CZUAutoDequeArray<T, Alloc>::AppendInMemory(Memory& memory, const T& value) {
-  // At the threshold the general path moves the elements first.
-  if (memory.size() < kSpillThreshold && memory.try_push_back(value)) return kZuOk;
-  return AppendToStorage(value);
+int CZUAutoVectorArray<T, Alloc>::Append(const void* value) {
+  return this->template AppendTo<CStdVector<T, Alloc>>(value);
 }
 
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
   return GuardAndClear([&] {
-    if (!spilled() && this->Size() >= kSpillThreshold) {
+    if (!spilled_ && this->Size() >= kSpillThreshold) {
       int result = SpillToFiles();
       if (result != kZuOk) return result;
     }
@@ -65,7 +63,7 @@ int CZUAutoDequeArray<T, Alloc>::AppendToStorage(const T& value) {
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::AppendRange(ArrayIterBase* first, ArrayIterBase* last) {
   return GuardAndClear([&] {
-    if (!spilled()) {
+    if (!spilled_) {
       int64_t n =
           static_cast<int64_t>(last->GetPosition()) - static_cast<int64_t>(first->GetPosition());
       if (static_cast<int64_t>(this->Size()) + n >= static_cast<int64_t>(kSpillThreshold)) {
@@ -80,7 +78,7 @@ int CZUAutoDequeArray<T, Alloc>::AppendRange(ArrayIterBase* first, ArrayIterBase
 
 template <typename T, typename Alloc>
 int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
-  if (spilled()) return kZuOk;
+  if (spilled_) return kZuOk;
   auto files = std::make_shared<CZUMultiFileArrayImp<T>>();
   if (files->HasDeadSegment()) return kZuNoSpace;
 
@@ -113,30 +111,15 @@ int CZUAutoDequeArray<T, Alloc>::SpillToFiles() {
     position += k;
     remaining -= k;
   }
-  SetMemoryStorage(nullptr, nullptr);
-  this->container_ = files;  // the in-memory storage goes here
-  files_ = files.get();
+  this->container_ = std::move(files);  // the in-memory storage goes here
+  spilled_ = true;
   return kZuOk;
 }
 
-template <typename T, typename Alloc>
-CZUMultiFileArrayImp<T>& CZUAutoDequeArray<T, Alloc>::Files() {
-  return *files_;
-}
-
-template <typename T, typename Alloc>
-void CZUAutoDequeArray<T, Alloc>::SetAt(uint64_t index, const void* value) {
-  if (!spilled()) {
-    CZUArrayBase<T, IZUArrayImp<T>>::SetAt(index, value);
-  } else if (index < this->Size()) {
-    // In files the segment head and the samples follow the new value too.
-    Files().SetElement(index, *static_cast<const T*>(value));
-  }
-}
-
+// In files the lower bound comes from the samples, and an answer beyond the size is the size.
 template <typename T, typename Alloc>
 uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
-  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::Find(value);
+  if (!spilled_) return Base::Find(value);
   const T& v = *static_cast<const T*>(value);
   uint64_t n = this->Size();
   uint64_t i = Files().LowerBound(v);
@@ -144,71 +127,26 @@ uint64_t CZUAutoDequeArray<T, Alloc>::Find(const void* value) {
 }
 
 template <typename T, typename Alloc>
-uint64_t CZUAutoDequeArray<T, Alloc>::UpperBound(const void* value) {
-  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::UpperBound(value);
-  return Files().UpperBound(*static_cast<const T*>(value));
-}
-
-template <typename T, typename Alloc>
-uint64_t CZUAutoDequeArray<T, Alloc>::LowerBound(const void* value) {
-  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::LowerBound(value);
-  return Files().LowerBound(*static_cast<const T*>(value));
-}
-
-template <typename T, typename Alloc>
-uint64_t CZUAutoDequeArray<T, Alloc>::FindNearest(void* inout, uint64_t tolerance) {
-  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::FindNearest(inout, tolerance);
-  return Files().FindNearest(static_cast<T*>(inout), tolerance);
-}
-
-template <typename T, typename Alloc>
-uint64_t CZUAutoDequeArray<T, Alloc>::LocateLowerBound(const void* value) {
-  if (!spilled()) return this->LowerBound(value);
-  return Files().LocateLowerBound(*static_cast<const T*>(value));
-}
-
-template <typename T, typename Alloc>
-uint64_t CZUAutoDequeArray<T, Alloc>::FindFloor(const void* value) {
-  if (!spilled()) return CZUArrayBase<T, IZUArrayImp<T>>::FindFloor(value);
-  return Files().FindFloor(*static_cast<const T*>(value));
-}
-
-template <typename T, typename Alloc>
-bool CZUAutoDequeArray<T, Alloc>::LoadDescription(const base::DictionaryValue* desc) {
-  if (!spilled()) return true;  // only an array already in files can take a description
-  if (desc == nullptr) return false;
-  return Files().LoadDescription(*desc);
-}
-
-template <typename T, typename Alloc>
-bool CZUAutoDequeArray<T, Alloc>::SaveDescription(base::DictionaryValue** out) {
-  if (!spilled()) return true;
-  if (out == nullptr) return false;
-  *out = Files().SaveDescription();
-  return true;
+template <typename Memory>
+bool CZUAutoDequeArray<T, Alloc>::StartInMemory() {
+  this->container_ = std::make_shared<Memory>();
+  spilled_ = false;
+  return this->container_ != nullptr;
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoDequeArray<T, Alloc>::Init() {
-  auto deque = std::make_shared<CStdDeque<T, Alloc>>();
-  this->SetMemoryStorage(deque.get(), nullptr);
-  this->container_ = std::move(deque);
-  files_ = nullptr;
-  return this->container_ != nullptr;
+  return StartInMemory<CStdDeque<T, Alloc>>();
 }
 
 template <typename T, typename Alloc>
 bool CZUAutoVectorArray<T, Alloc>::Init() {
-  auto vector = std::make_shared<CStdVector<T, Alloc>>();
-  this->SetMemoryStorage(nullptr, vector.get());
-  this->container_ = std::move(vector);
-  this->files_ = nullptr;
-  return this->container_ != nullptr;
+  return this->template StartInMemory<CStdVector<T, Alloc>>();
 }
 
-#define ZU_DEFINE_AUTO_ARRAYS(T)                     \
+#define ZU_DEFINE_AUTO_ARRAYS(T)                  \
   template class CZUArrayBase<T, IZUArrayImp<T>>; \
-  template class CZUAutoDequeArray<T>;               \
+  template class CZUAutoDequeArray<T>;            \
   template class CZUAutoVectorArray<T>;
 ZU_FOR_EACH_ELEMENT_TYPE(ZU_DEFINE_AUTO_ARRAYS)
 #undef ZU_DEFINE_AUTO_ARRAYS

@@ -10,9 +10,10 @@
 // answers kZuNoSpace and keeps the array as it was. Assign never moves and never clears.
 // A description can only be loaded into an array that already lives in files; in memory
 // LoadDescription and SaveDescription answer true and do nothing.
-// Single appends in memory reach the concrete in-memory storage directly (the array keeps a
-// typed pointer to it next to the shared one), so that they cost one virtual call, the
-// array's own, instead of three.
+// The array's state is the `spilled` flag and the one storage it holds: the flavour's
+// in-memory storage while the flag is false, the multi-file storage once it is true. Single
+// appends reach the concrete storage directly (its type follows from the flag and the
+// flavour), so that they cost one virtual call, the array's own, instead of three.
 // Ownership: the array owns its storage; once in files, the files go with the array.
 // Thread-safety: not thread-safe: one thread per array.
 #ifndef ZU_AUTO_AUTO_ARRAY_H_
@@ -21,9 +22,10 @@
 #include <cstdint>
 #include <memory>
 
-#include "src/file/array_imp.h"
 #include "src/auto/std_adapters.h"
 #include "src/core/element_list.h"
+#include "src/file/array_imp.h"
+#include "src/file/file_array.h"
 #include "src/file/imp_array_base.h"
 #include "src/file/multi_file_storage.h"
 
@@ -37,59 +39,77 @@ constexpr uint32_t kMigrateChunk = 8192;
 template <typename T, typename Alloc = std::allocator<T>>
 class CZUAutoDequeArray : public CZUArrayBase<T, IZUArrayImp<T>> {
  public:
+  using Base = CZUArrayBase<T, IZUArrayImp<T>>;
+  using FileStorage = CZUMultiFileArrayImp<T>;
+  using InFiles = FileArrayOps<T>;
+
   // Builds the in-memory storage with this class's own Init (not the virtual one).
   CZUAutoDequeArray() { CZUAutoDequeArray::Init(); }
   ~CZUAutoDequeArray() override = default;
 
   int Append(const void* value) override;
-  void SetAt(uint64_t index, const void* value) override;
+  void SetAt(uint64_t index, const void* value) override {
+    if (spilled_) return InFiles::SetAt(Files(), index, value);
+    Base::SetAt(index, value);
+  }
   uint64_t Find(const void* value) override;
-  uint64_t UpperBound(const void* value) override;
-  uint64_t LowerBound(const void* value) override;
-  uint64_t FindNearest(void* inout, uint64_t tolerance) override;
-  uint64_t LocateLowerBound(const void* value) override;
-  uint64_t FindFloor(const void* value) override;
+  uint64_t UpperBound(const void* value) override {
+    return spilled_ ? InFiles::UpperBound(Files(), value) : Base::UpperBound(value);
+  }
+  uint64_t LowerBound(const void* value) override {
+    return spilled_ ? InFiles::LowerBound(Files(), value) : Base::LowerBound(value);
+  }
+  uint64_t FindNearest(void* inout, uint64_t tolerance) override {
+    return spilled_ ? InFiles::FindNearest(Files(), inout, tolerance)
+                    : Base::FindNearest(inout, tolerance);
+  }
+  uint64_t LocateLowerBound(const void* value) override {
+    return spilled_ ? InFiles::LocateLowerBound(Files(), value) : Base::LocateLowerBound(value);
+  }
+  uint64_t FindFloor(const void* value) override {
+    return spilled_ ? InFiles::FindFloor(Files(), value) : Base::FindFloor(value);
+  }
   int AppendRange(ArrayIterBase* first, ArrayIterBase* last) override;
-  bool LoadDescription(const base::DictionaryValue* desc) override;
-  bool SaveDescription(base::DictionaryValue** out) override;
+  // In memory there is no description to load or save: both answer true and do nothing.
+  bool LoadDescription(const base::DictionaryValue* desc) override {
+    return spilled_ ? InFiles::LoadDescription(Files(), desc) : true;
+  }
+  bool SaveDescription(base::DictionaryValue** out) override {
+    return spilled_ ? InFiles::SaveDescription(Files(), out) : true;
+  }
   // A fresh, empty in-memory storage (a block deque).
   bool Init() override;
 
-  bool spilled() const { return files_ != nullptr; }
+  bool spilled() const { return spilled_; }
   // The storage in use: the in-memory adapter, or the multi-file storage once spilled.
   IZUArrayImp<T>* storage() const { return this->container_.get(); }
 
  protected:
-  // Moves the content into a new multi-file storage and keeps it there. Returns kZuOk, or
-  // kZuNoSpace when the new storage refuses writes before anything moved. Exceptions from the
-  // move pass to the caller with the array unchanged (the half-filled files are released).
-  int SpillToFiles();
-  // The storage once spilled() is true.
-  CZUMultiFileArrayImp<T>& Files();
-  // Runs an add; any exception clears the array and becomes a result code.
-  template <typename Fn>
-  int GuardAndClear(Fn&& add);
-  // Append on the in-memory storage `memory` (the one container_ holds): below the threshold
-  // a push that allocates nothing is done at once, without a virtual call or an exception
-  // guard; any other goes through AppendToStorage.
+  // The multi-file storage; only while spilled_.
+  FileStorage& Files() { return static_cast<FileStorage&>(*this->container_); }
+  // Single appends, for the flavour whose in-memory storage is `Memory`: below the threshold
+  // a push that allocates nothing, and in files one that only joins a stage, are done at
+  // once, without a virtual call or an exception guard; any other goes through
+  // AppendToStorage.
   template <typename Memory>
-  int AppendInMemory(Memory& memory, const T& value);
+  int AppendTo(const void* value);
   // Append through the storage interface, whichever storage holds the elements: the spill
   // test, then PushBack, in the guard. Out of line, so that the inlined path stays small.
   [[gnu::noinline]] int AppendToStorage(const T& value);
-  // Points the typed in-memory pointers at `deque` or `vector` (one of them null).
-  void SetMemoryStorage(CStdDeque<T, Alloc>* deque, CStdVector<T, Alloc>* vector) {
-    memory_deque_ = deque;
-    memory_vector_ = vector;
-  }
+  // Moves the content into a new multi-file storage and keeps it there. Returns kZuOk, or
+  // kZuNoSpace when the new storage refuses writes. Exceptions from the move pass to the
+  // caller with the array unchanged (the half-filled files are released).
+  int SpillToFiles();
+  // Runs an add; any exception clears the array and becomes a result code.
+  template <typename Fn>
+  int GuardAndClear(Fn&& add);
+  // Installs a fresh, empty in-memory storage of type Memory.
+  template <typename Memory>
+  bool StartInMemory();
 
-  // Once spilled, the multi-file storage container_ holds, as its concrete type; else null.
-  // Appends that only join a file stage go straight to it.
-  CZUMultiFileArrayImp<T>* files_ = nullptr;
-  // While in memory, the storage container_ holds, as its concrete type: the deque for this
-  // flavour, the vector for the vector flavour, the other one null. Both null once spilled.
-  CStdDeque<T, Alloc>* memory_deque_ = nullptr;
-  CStdVector<T, Alloc>* memory_vector_ = nullptr;
+  // True exactly when container_ holds the multi-file storage; until then it holds the
+  // flavour's in-memory storage (CStdDeque here, CStdVector in the vector flavour).
+  bool spilled_ = false;
 };
 
 template <typename T, typename Alloc = std::allocator<T>>
@@ -106,9 +126,9 @@ class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc> {
   bool Init() override;
 };
 
-#define ZU_DECLARE_AUTO_ARRAYS(T)                           \
+#define ZU_DECLARE_AUTO_ARRAYS(T)                        \
   extern template class CZUArrayBase<T, IZUArrayImp<T>>; \
-  extern template class CZUAutoDequeArray<T>;               \
+  extern template class CZUAutoDequeArray<T>;            \
   extern template class CZUAutoVectorArray<T>;
 ZU_FOR_EACH_ELEMENT_TYPE(ZU_DECLARE_AUTO_ARRAYS)
 #undef ZU_DECLARE_AUTO_ARRAYS

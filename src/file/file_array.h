@@ -28,11 +28,43 @@
 
 namespace zu {
 
+// The array operations that a multi-file storage answers itself, from the arguments of the
+// array interface: the file array's always, and a self-spilling array's once it lives in
+// files.
+template <typename T>
+struct FileArrayOps {
+  using Storage = CZUMultiFileArrayImp<T>;
+
+  // An index at or beyond the size is ignored.
+  static void SetAt(Storage& files, uint64_t index, const void* value);
+  static uint64_t UpperBound(Storage& files, const void* value) {
+    return files.UpperBound(*static_cast<const T*>(value));
+  }
+  static uint64_t LowerBound(Storage& files, const void* value) {
+    return files.LowerBound(*static_cast<const T*>(value));
+  }
+  static uint64_t FindNearest(Storage& files, void* inout, uint64_t tolerance) {
+    return files.FindNearest(static_cast<T*>(inout), tolerance);
+  }
+  static uint64_t LocateLowerBound(Storage& files, const void* value) {
+    return files.LocateLowerBound(*static_cast<const T*>(value));
+  }
+  static uint64_t FindFloor(Storage& files, const void* value) {
+    return files.FindFloor(*static_cast<const T*>(value));
+  }
+  // True when the description carried a "files" list (the files up to the first unusable
+  // entry are attached); false for a null description.
+  static bool LoadDescription(Storage& files, const base::DictionaryValue* desc);
+  // Hands out a new description (the caller owns it); false for a null out.
+  static bool SaveDescription(Storage& files, base::DictionaryValue** out);
+};
+
 template <typename T>
 class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
  public:
   using Storage = CZUMultiFileArrayImp<T>;
   using Base = CZUArrayBase<T, Storage>;
+  using Ops = FileArrayOps<T>;
 
   // The staged single append is tried first, outside the exception guard, so that the common
   // case costs no more than a few stores; the rest takes the guarded path.
@@ -40,26 +72,40 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
     if (this->container_->TryStage(*static_cast<const T*>(value))) return kZuOk;
     return AppendGuarded(value);
   }
-  void SetAt(uint64_t index, const void* value) override;
+  void SetAt(uint64_t index, const void* value) override {
+    Ops::SetAt(*this->container_, index, value);
+  }
   // The storage's cached last element; an empty storage (no file) answers its all-ones
   // element, so out is always written.
   void* GetLast(void* out) override {
     *static_cast<T*>(out) = *this->container_->GetBackReadPtr();
     return out;
   }
+  // The exact lower bound, when it lies within the array and holds the value; an answer at or
+  // beyond the size is passed on as it is.
   uint64_t Find(const void* value) override;
-  uint64_t UpperBound(const void* value) override;
-  uint64_t LowerBound(const void* value) override;
-  uint64_t FindNearest(void* inout, uint64_t tolerance) override;
-  uint64_t LocateLowerBound(const void* value) override;
-  uint64_t FindFloor(const void* value) override;
+  uint64_t UpperBound(const void* value) override {
+    return Ops::UpperBound(*this->container_, value);
+  }
+  uint64_t LowerBound(const void* value) override {
+    return Ops::LowerBound(*this->container_, value);
+  }
+  uint64_t FindNearest(void* inout, uint64_t tolerance) override {
+    return Ops::FindNearest(*this->container_, inout, tolerance);
+  }
+  uint64_t LocateLowerBound(const void* value) override {
+    return Ops::LocateLowerBound(*this->container_, value);
+  }
+  uint64_t FindFloor(const void* value) override { return Ops::FindFloor(*this->container_, value); }
   // A storage with a failed segment is replaced by a fresh one; otherwise it is emptied.
   // Either way the files go.
   void Clear() override;
-  // True when the description carried a "files" list (the files up to the first unusable
-  // entry are attached).
-  bool LoadDescription(const base::DictionaryValue* desc) override;
-  bool SaveDescription(base::DictionaryValue** out) override;
+  bool LoadDescription(const base::DictionaryValue* desc) override {
+    return Ops::LoadDescription(*this->container_, desc);
+  }
+  bool SaveDescription(base::DictionaryValue** out) override {
+    return Ops::SaveDescription(*this->container_, out);
+  }
   // Creates the empty storage; no file is made before the first element.
   bool Init() override;
 
@@ -67,7 +113,12 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
 };
 
-#define ZU_DECLARE_FILE_ARRAY(T)                                     \
+// The operations serve every element type (a self-spilling array of records moves into files
+// too); the file array exists for the integer types.
+#define ZU_DECLARE_FILE_ARRAY_OPS(T) extern template struct FileArrayOps<T>;
+ZU_FOR_EACH_ELEMENT_TYPE(ZU_DECLARE_FILE_ARRAY_OPS)
+#undef ZU_DECLARE_FILE_ARRAY_OPS
+#define ZU_DECLARE_FILE_ARRAY(T)                                  \
   extern template class CZUArrayBase<T, CZUMultiFileArrayImp<T>>; \
   extern template class CZUFileArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_FILE_ARRAY)
