@@ -35,11 +35,16 @@ template <template <typename> class Kind, bool kCallInit = true>
 IZUArray* ByIntegerCode(uint32_t type) {
   switch (type) {
     case 0:
-    case 1: return BuildOwning<Kind<uint8_t>, kCallInit>();
-    case 2: return BuildOwning<Kind<uint16_t>, kCallInit>();
-    case 4: return BuildOwning<Kind<uint32_t>, kCallInit>();
-    case 8: return BuildOwning<Kind<int64_t>, kCallInit>();
-    default: return nullptr;
+    case 1:
+      return BuildOwning<Kind<uint8_t>, kCallInit>();
+    case 2:
+      return BuildOwning<Kind<uint16_t>, kCallInit>();
+    case 4:
+      return BuildOwning<Kind<uint32_t>, kCallInit>();
+    case 8:
+      return BuildOwning<Kind<int64_t>, kCallInit>();
+    default:
+      return nullptr;
   }
 }
 
@@ -52,13 +57,20 @@ using AutoVector = CZUAutoVectorArray<T>;
 template <template <typename> class Kind>
 IZUArray* ByAutoCode(uint32_t type) {
   switch (type) {
-    case 16: return BuildOwning<Kind<SimpleBigData<16>>, false>();
-    case 32: return BuildOwning<Kind<SimpleBigData<32>>, false>();
-    case 64: return BuildOwning<Kind<SimpleBigData<64>>, false>();
-    case 128: return BuildOwning<Kind<SimpleBigData<128>>, false>();
-    case 256: return BuildOwning<Kind<SimpleBigData<256>>, false>();
-    case 512: return BuildOwning<Kind<SimpleBigData<512>>, false>();
-    default: return ByIntegerCode<Kind, false>(type);
+    case 16:
+      return BuildOwning<Kind<SimpleBigData<16>>, false>();
+    case 32:
+      return BuildOwning<Kind<SimpleBigData<32>>, false>();
+    case 64:
+      return BuildOwning<Kind<SimpleBigData<64>>, false>();
+    case 128:
+      return BuildOwning<Kind<SimpleBigData<128>>, false>();
+    case 256:
+      return BuildOwning<Kind<SimpleBigData<256>>, false>();
+    case 512:
+      return BuildOwning<Kind<SimpleBigData<512>>, false>();
+    default:
+      return ByIntegerCode<Kind, false>(type);
   }
 }
 

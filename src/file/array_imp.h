@@ -5,7 +5,8 @@
 // Slots 1/2 and 3/4 are the writable and read-only forms of the same access: identical for
 // in-memory storage, different for file storage, where only the part of a file mapped for
 // writing may be written while a read may map any part. The accessors do not check the index;
-// callers compare it with GetSize() first.
+// callers compare it with GetSize() first. Where a file storage has no element to give, it
+// hands out one of its own placeholders (Placeholders<T>).
 //
 // Ownership: created with new and held by a std::shared_ptr; destroyed with its last owner.
 // Thread-safety: not thread-safe: one thread per storage (file segments lock their views).
@@ -19,6 +20,16 @@
 #include "src/core/zu_array_iter.h"
 
 namespace zu {
+
+// The elements a storage hands out where it has none to give (an index out of range, a failed
+// segment): one per kind of access, owned by each storage object, so that arrays used on
+// different threads never share a writable element.
+template <typename T>
+struct Placeholders {
+  T write{};  // takes writes meant for no element; what it holds is never read as data
+  T read{};   // read where no element is
+  T back{};   // the last element of a storage that has none
+};
 
 template <typename T, typename Alloc = std::allocator<T>>
 class IZUArrayImp {

@@ -96,7 +96,9 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
   uint64_t LocateLowerBound(const void* value) override {
     return Ops::LocateLowerBound(*this->container_, value);
   }
-  uint64_t FindFloor(const void* value) override { return Ops::FindFloor(*this->container_, value); }
+  uint64_t FindFloor(const void* value) override {
+    return Ops::FindFloor(*this->container_, value);
+  }
   // A storage with a failed segment is replaced by a fresh one; otherwise it is emptied.
   // Either way the files go.
   void Clear() override;

@@ -10,31 +10,30 @@
 namespace zu {
 
 template <typename T>
-T* CZUMultiFileArrayImp<T>::AllOnes(T* dummy) {
-  std::memset(static_cast<void*>(dummy), 0xFF, sizeof(T));
-  return dummy;
+T* CZUMultiFileArrayImp<T>::AllOnes(T* placeholder) {
+  std::memset(static_cast<void*>(placeholder), 0xFF, sizeof(T));
+  return placeholder;
 }
 
 template <typename T>
 T* CZUMultiFileArrayImp<T>::GetWritePtr(int64_t index) {
-  static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) {
+    return AllOnes(&placeholders_.write);
+  }
   return segments_[i / kSegmentCapacity]->GetWritePtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
 template <typename T>
 const T* CZUMultiFileArrayImp<T>::GetReadPtr(int64_t index) {
-  static T dummy;
   const auto i = static_cast<uint64_t>(index);
-  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&dummy);
+  if (i >= Size() || i / kSegmentCapacity >= segments_.size()) return AllOnes(&placeholders_.read);
   return segments_[i / kSegmentCapacity]->GetReadPtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
 template <typename T>
 T* CZUMultiFileArrayImp<T>::GetBackWritePtr() {
-  static T dummy;
-  if (segments_.empty()) return AllOnes(&dummy);
+  if (segments_.empty()) return AllOnes(&placeholders_.back);
   return segments_.back()->GetBackWritePtr();
 }
 

@@ -10,9 +10,10 @@
 //
 // Failure: a segment whose file cannot be created makes a range append throw
 // ZuArrayNoSpaceException; a range whose end lies before its start, std::length_error; growth
-// failures of a segment pass through unchanged. Reads beyond the end return a dummy element whose
-// bytes are all ones. Ownership: owns its segments, which delete their files when the storage lets
-// them go. Thread-safety: not thread-safe: one writer at a time (the segments lock their views).
+// failures of a segment pass through unchanged. Reads beyond the end return a placeholder element
+// whose bytes are all ones. Ownership: owns its segments, which delete their files when the storage
+// lets them go. Thread-safety: not thread-safe: one writer at a time (the segments lock their
+// views).
 #ifndef ZU_FILE_MULTI_FILE_STORAGE_H_
 #define ZU_FILE_MULTI_FILE_STORAGE_H_
 
@@ -94,12 +95,13 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   template <typename Search>
   uint64_t InCandidateSegment(const T& value, bool upper, Search&& search);
   uint64_t Size() { return static_cast<uint64_t>(GetSize()); }
-  // A dummy element whose bytes are all ones.
-  static T* AllOnes(T* dummy);
+  // The placeholder with all its bytes set to ones, as every one is handed out.
+  static T* AllOnes(T* placeholder);
 
   std::vector<std::shared_ptr<Segment>> segments_;  // index order; all but the last full
-  std::vector<T> heads_;     // heads_[s] is element s * kSegmentCapacity; one per segment
-  Segment* last_ = nullptr;  // segments_.back(), one load closer for single appends; or null
+  std::vector<T> heads_;          // heads_[s] is element s * kSegmentCapacity; one per segment
+  Segment* last_ = nullptr;       // segments_.back(), one load closer for single appends; or null
+  Placeholders<T> placeholders_;  // handed out (all ones) where no element is
 };
 
 #define ZU_DECLARE_MULTI_FILE_STORAGE(T) extern template class CZUMultiFileArrayImp<T>;
