@@ -176,6 +176,49 @@ TEST(PosixCleanup, KilledWritersLeaveFilesThatCleanTmpFilesRemoves) {
       seed, killed, with_leftovers, leftovers, remaining);
 }
 
+// A description re-attached in another process: the loader clears and destroys its array and
+// goes, and the creator's files and elements stay; the clean-up spares them too. The files go
+// with the last holder.
+TEST(PosixCleanup, LoaderInAnotherProcessLeavesTheCreatorsFiles) {
+  TempDataDir dir;
+  Tracked maker(3, 5000);
+  ASSERT_EQ(maker.array->AppendBuffer(maker.bytes.data(), maker.elements()), kZuOk);
+  base::DictionaryValue* saved = nullptr;
+  ASSERT_TRUE(maker.array->SaveDescription(&saved) && saved != nullptr);
+  std::unique_ptr<base::DictionaryValue> description(saved);
+  const std::vector<std::string> files = DataFiles(dir.path());
+  ASSERT_EQ(files.size(), 1u);
+
+  std::fflush(stdout);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    CArrayFactory factory;
+    std::unique_ptr<IZUArray> loader(factory.AllocFileArray(maker.type));
+    const bool loaded = loader->LoadDescription(description.get()) &&
+                        loader->GetSize() == maker.elements();
+    loader->Clear();
+    loader.reset();
+    std::_Exit(loaded ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+  IZUArray::CleanTmpFiles();
+  EXPECT_EQ(DataFiles(dir.path()), files);
+  EXPECT_TRUE(maker.Intact());
+
+  // A third holder still finds them; after the creator has gone, the last holder deletes.
+  CArrayFactory factory;
+  std::unique_ptr<IZUArray> third(factory.AllocFileArray(maker.type));
+  ASSERT_TRUE(third->LoadDescription(description.get()));
+  maker.array.reset();
+  EXPECT_EQ(DataFiles(dir.path()), files);
+  EXPECT_EQ(third->GetSize(), maker.elements());
+  third.reset();
+  EXPECT_TRUE(DataFiles(dir.path()).empty());
+}
+
 TEST(PosixCleanup, CleanTmpFilesLoopInAnotherProcessSparesLiveFiles) {
   TempDataDir dir;
   // Leftovers of an earlier run for the other process to find.

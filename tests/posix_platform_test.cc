@@ -55,11 +55,10 @@ TEST(PosixPlatform, FilesGrowWithReservedBlocksAndViewsSeeWrites) {
   os.FlushView(view, bytes);
   os.UnmapView(view, bytes);
   os.CloseMapping(mapping);
-  os.CloseFile(file);
   std::ifstream in(dir.path() / "a.KMB", std::ios::binary);
   EXPECT_EQ(in.get(), 42);
-  EXPECT_TRUE(os.DeleteFile(path));
-  EXPECT_FALSE(os.DeleteFile(path));
+  EXPECT_TRUE(os.CloseAndDeleteFile(file, path));
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "a.KMB"));
 }
 
 TEST(PosixPlatform, OpenRefusesLinksDirectoriesAndMissingFiles) {
@@ -83,15 +82,28 @@ TEST(PosixPlatform, OpenRefusesLinksDirectoriesAndMissingFiles) {
   os.CloseFile(file);
 }
 
-TEST(PosixPlatform, DeleteIfUnusedSparesOpenFiles) {
+// Neither the clean-up nor a holder's own delete removes a file another holder keeps open; the
+// last holder's delete does. A new file never replaces an existing one.
+TEST(PosixPlatform, DeletesSpareFilesOthersHold) {
   TempDataDir dir;
   auto& os = Native();
   std::wstring path = dir.wide() + L"/live.KMB";
-  auto file = os.CreateFile(path);
-  ASSERT_NE(file, kInvalidFile);
+  auto maker = os.CreateFile(path);
+  ASSERT_NE(maker, kInvalidFile);
+  EXPECT_EQ(os.CreateFile(path), kInvalidFile);
+  auto loader = os.OpenFile(path);
+  ASSERT_NE(loader, kInvalidFile);
   EXPECT_FALSE(os.DeleteFileIfUnused(path));
+  EXPECT_FALSE(os.CloseAndDeleteFile(loader, path));
   EXPECT_TRUE(std::filesystem::exists(dir.path() / "live.KMB"));
-  os.CloseFile(file);
+  EXPECT_FALSE(os.DeleteFileIfUnused(path));
+  EXPECT_TRUE(os.CloseAndDeleteFile(maker, path));
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "live.KMB"));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path()));  // nothing left under another name
+
+  auto unused = os.CreateFile(path);
+  ASSERT_NE(unused, kInvalidFile);
+  os.CloseFile(unused);
   EXPECT_TRUE(os.DeleteFileIfUnused(path));
   EXPECT_FALSE(std::filesystem::exists(dir.path() / "live.KMB"));
 }

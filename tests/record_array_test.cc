@@ -71,27 +71,47 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
   EXPECT_EQ(array.AppendRange(&first, last.get()), kZuOk);
   EXPECT_EQ(array.GetSize(), 1u);
 
-  // Assign stores copies of the caller's records and frees the ones it replaces.
-  ASSERT_EQ(array.Assign(&first, last.get()), kZuOk);
+  // Assign takes a range of record addresses (each position holds an unsigned char*, like
+  // the array's own elements), stores copies of the records behind them and frees the ones it
+  // replaces. The addresses sit in a heap block of exactly three pointers, so reading a whole
+  // record at a position would run past it (and store pointer bytes as records).
+  std::vector<RecordPtr> addresses = {more.data() + 2 * kRecordSize, more.data(),
+                                      more.data() + kRecordSize};
+  SimpleDataIter<unsigned char> from(reinterpret_cast<unsigned char*>(addresses.data()), 3,
+                                     sizeof(RecordPtr));
+  auto to = from.Clone();
+  to->Seek(3);
+  ASSERT_EQ(array.Assign(&from, to.get()), kZuOk);
   ASSERT_EQ(array.GetSize(), 3u);
-  EXPECT_EQ(first.GetPosition(), 3u);
+  EXPECT_EQ(from.GetPosition(), 3u);
   std::fill(more.begin(), more.end(), 0);  // the array must not see the caller's memory
+  const unsigned char expected[] = {22, 20, 21};
   for (int i = 0; i < 3; ++i) {
     ASSERT_NE(array.GetAt(i, out.data()), nullptr);
-    EXPECT_EQ(out, RecordOf(static_cast<unsigned char>(20 + i)));
-    EXPECT_NE(array.GetItemPtr(i), more.data() + i * kRecordSize);
+    EXPECT_EQ(out, RecordOf(expected[i]));
+    EXPECT_NE(array.GetItemPtr(i), addresses[i]);
   }
   EXPECT_EQ(array.GetLast(out.data()), array.GetItemPtr(2));
 
+  // A null address is refused before anything is replaced.
+  std::vector<RecordPtr> with_null = {more.data(), nullptr};
+  SimpleDataIter<unsigned char> null_first(reinterpret_cast<unsigned char*>(with_null.data()), 2,
+                                           sizeof(RecordPtr));
+  auto null_last = null_first.Clone();
+  null_last->Seek(2);
+  EXPECT_EQ(array.Assign(&null_first, null_last.get()), kZuFailed);
+  ASSERT_EQ(array.GetSize(), 3u);
+
   // A range that ends before it starts is refused and replaces nothing.
-  SimpleDataIter<unsigned char> late(more.data(), 3, kRecordSize);
+  SimpleDataIter<unsigned char> late(reinterpret_cast<unsigned char*>(addresses.data()), 3,
+                                     sizeof(RecordPtr));
   late.Seek(2);
   auto early = late.Clone();
   early->Seek(1);
   EXPECT_EQ(array.Assign(&late, early.get()), kZuFailed);
   ASSERT_EQ(array.GetSize(), 3u);
   ASSERT_NE(array.GetAt(0, out.data()), nullptr);
-  EXPECT_EQ(out, RecordOf(20));
+  EXPECT_EQ(out, RecordOf(22));
 
   array.Clear();
   EXPECT_EQ(array.GetSize(), 0u);

@@ -53,10 +53,8 @@ bool MappedFile::Create(const std::wstring& directory, const std::wstring& path)
   platform::Platform& os = platform::Current();
   os.CreateDirectories(directory);
   file_ = os.CreateFile(path);
-  if (file_ == platform::kInvalidFile) {
-    os.DeleteFile(path);
-    return false;
-  }
+  // A failed creation leaves nothing under the name (and the name may be someone else's).
+  if (file_ == platform::kInvalidFile) return false;
   path_ = path;
   return true;
 }
@@ -86,9 +84,10 @@ void MappedFile::Close() {
   platform::Platform& os = platform::Current();
   os.CloseMapping(mapping_);
   mapping_ = platform::kNoMapping;
-  os.CloseFile(file_);
+  // The file goes with its last holder: an array that attached the same file through a
+  // description (in this or another process) keeps it until it lets go too.
+  if (file_ != platform::kInvalidFile) os.CloseAndDeleteFile(file_, path_);
   file_ = platform::kInvalidFile;
-  if (!path_.empty()) os.DeleteFile(path_);
   path_.clear();
 }
 

@@ -13,7 +13,8 @@
 // Failure: every operation that can fail answers false and leaves no view (or no file) behind;
 // the segment decides what that means for its elements.
 // Ownership: a MappedFile owns its file and deletes it on Close() and on destruction, after
-// unmapping the views and closing the mapping object. An address inside a view stays valid
+// unmapping the views and closing the mapping object (unless another holder keeps the file
+// open: the last one deletes it). An address inside a view stays valid
 // until that view is mapped again or unmapped.
 // Thread-safety: none of its own; the segment guards each view with one of its locks.
 #ifndef ZU_FILE_MAPPED_FILE_H_
@@ -64,12 +65,13 @@ class MappedFile {
   MappedFile& operator=(const MappedFile&) = delete;
 
   // Creates the file `path` in `directory` (creating the directory and its parents first).
-  // False, with no file and nothing left on disk, when it cannot be created.
+  // False, with no file and nothing left under the name, when it cannot be created.
   bool Create(const std::wstring& directory, const std::wstring& path);
   // Takes over the existing file `path`, which must hold at least `min_bytes`. False, with the
   // file left exactly as it is, when it cannot be opened or is shorter.
   bool Open(const std::wstring& path, uint64_t min_bytes);
-  // Unmaps both views, closes the mapping object and the file, and deletes the file.
+  // Unmaps both views, closes the mapping object and the file, and deletes the file (or leaves
+  // that to the file's last holder).
   void Close();
   // Unmaps both views; the file and its mapping object stay.
   void UnmapViews();

@@ -32,7 +32,9 @@ FaultPlatform::FileHandle FaultPlatform::OpenFile(const std::wstring& path) {
 }
 
 void FaultPlatform::CloseFile(FileHandle file) { native_.CloseFile(file); }
-bool FaultPlatform::DeleteFile(const std::wstring& path) { return native_.DeleteFile(path); }
+bool FaultPlatform::CloseAndDeleteFile(FileHandle file, const std::wstring& path) {
+  return native_.CloseAndDeleteFile(file, path);
+}
 bool FaultPlatform::DeleteFileIfUnused(const std::wstring& path) {
   return native_.DeleteFileIfUnused(path);
 }

@@ -36,7 +36,7 @@ class FaultPlatform : public zu::platform::Platform {
   FileHandle CreateFile(const std::wstring& path) override;
   FileHandle OpenFile(const std::wstring& path) override;
   void CloseFile(FileHandle file) override;
-  bool DeleteFile(const std::wstring& path) override;
+  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override;
   bool DeleteFileIfUnused(const std::wstring& path) override;
   int64_t FileLength(FileHandle file) override;
   IoStatus WriteAt(FileHandle file, uint64_t offset, const void* data, size_t length) override;
