@@ -14,29 +14,6 @@ const char kWriteConflictMessage[] = "write conflict";
 // A copy out of the file at least this long asks the system for its whole range up front.
 constexpr uint64_t kAdviseBytes = 0x10000;
 
-// Every segment holds a descriptor; make room for many of them before the first one.
-void RaiseOpenFileLimitOnce() {
-  static const bool raised = [] {
-    platform::Current().RaiseOpenFileLimit();
-    return true;
-  }();
-  (void)raised;
-}
-
-// One page of data in elements, as a power of two dividing the chunk length.
-uint64_t SampleInterval(size_t page_bytes, size_t element_bytes) {
-  uint64_t bytes = page_bytes;
-  if (bytes == 0 || bytes > kChunkBytes || kChunkBytes % bytes != 0) bytes = kChunkBytes;
-  uint64_t elements = std::max<uint64_t>(1, bytes / element_bytes);
-  while ((elements & (elements - 1)) != 0) elements &= elements - 1;
-  return elements;
-}
-
-uint64_t PageSampleInterval(size_t element_bytes) {
-  RaiseOpenFileLimitOnce();
-  return SampleInterval(platform::Current().PageSize(), element_bytes);
-}
-
 // Runs step; with `guarded`, an exception from it is reported as a write conflict and answered
 // with false instead of passing on.
 template <typename Step>
@@ -57,7 +34,7 @@ bool RunGuarded(bool guarded, Step&& step) {
 }  // namespace
 
 template <typename T>
-CZUFileArrayImp<T>::CZUFileArrayImp() : samples_(PageSampleInterval(sizeof(T))) {
+CZUFileArrayImp<T>::CZUFileArrayImp() : samples_(platform::Current().PageSize()) {
   const std::wstring path = NewDataFilePath();
   if (path.empty() || !file_.Create(DataDirectory(), path)) {
     TearDown(Teardown::kDie);

@@ -10,6 +10,15 @@ namespace {
 // asks for the old address, the others let the system choose) before the segment gives up.
 constexpr int kMapAttempts = 11;
 
+// Every file holds a descriptor; make room for many of them before the first one.
+bool RaiseOpenFileLimitOnce() {
+  static const bool raised = [] {
+    platform::Current().RaiseOpenFileLimit();
+    return true;
+  }();
+  return raised;
+}
+
 }  // namespace
 
 ScopedMapping::ScopedMapping(ScopedMapping&& other) noexcept
@@ -47,7 +56,9 @@ void ScopedMapping::Reset() {
   length_ = 0;
 }
 
-MappedFile::MappedFile() : wide_read_view_(platform::Current().ViewsReachPastFileEnd()) {}
+MappedFile::MappedFile() : wide_read_view_(platform::Current().ViewsReachPastFileEnd()) {
+  RaiseOpenFileLimitOnce();
+}
 
 bool MappedFile::Create(const std::wstring& directory, const std::wstring& path) {
   platform::Platform& os = platform::Current();

@@ -13,6 +13,7 @@
 #ifndef ZU_FILE_SAMPLE_INDEX_H_
 #define ZU_FILE_SAMPLE_INDEX_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <type_traits>
@@ -55,8 +56,10 @@ class SampleIndex {
     kInPage,    // the page to search
   };
 
-  // `interval`: a power of two that divides kChunkLength.
-  explicit SampleIndex(uint64_t interval) : interval_(interval), mask_(interval - 1) {
+  // One sample per page of `page_bytes` (the system's page size); a page size that does not
+  // divide the chunk takes one sample per chunk.
+  explicit SampleIndex(size_t page_bytes)
+      : interval_(IntervalFor(page_bytes)), mask_(interval_ - 1) {
     while ((uint64_t{1} << shift_) < interval_) ++shift_;
   }
 
@@ -178,6 +181,16 @@ class SampleIndex {
   }
 
  private:
+  // One page of data in elements, as a power of two dividing the chunk length.
+  static uint64_t IntervalFor(size_t page_bytes) {
+    const uint64_t chunk_bytes = kChunkLength * sizeof(T);
+    uint64_t bytes = page_bytes;
+    if (bytes == 0 || bytes > chunk_bytes || chunk_bytes % bytes != 0) bytes = chunk_bytes;
+    uint64_t elements = bytes / sizeof(T) > 0 ? bytes / sizeof(T) : 1;
+    while ((elements & (elements - 1)) != 0) elements &= elements - 1;
+    return elements;
+  }
+
   // The chunk whose range may hold value: the one before the first boundary sample not below
   // it. False when value is at or below the first sample.
   bool ChunkBelow(const T& value, uint64_t* chunk) const {
