@@ -48,6 +48,9 @@ IZUArray* ByIntegerCode(uint32_t type) {
   }
 }
 
+// The kinds with a layout parameter, in the library's own layout.
+template <typename T>
+using FileArray = CZUFileArray<T>;
 template <typename T>
 using AutoDeque = CZUAutoDequeArray<T>;
 template <typename T>
@@ -133,7 +136,7 @@ IZUArray* CArrayFactory::AllocDequeArray(int type) {
 IZUArray* CArrayFactory::AllocFileArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return ByIntegerCode<zu::CZUFileArray>(code);
+  return ByIntegerCode<zu::FileArray>(code);
 }
 
 IZUArray* CArrayFactory::AllocAutoVectorArray(int type) {

@@ -21,6 +21,7 @@
 #define ZU_FILE_FILE_ARRAY_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "src/core/element_list.h"
 #include "src/file/imp_array_base.h"
@@ -31,9 +32,9 @@ namespace zu {
 // The array operations that a multi-file storage answers itself, from the arguments of the
 // array interface: the file array's always, and a self-spilling array's once it lives in
 // files.
-template <typename T>
+template <typename T, typename Layout = FileLayout>
 struct FileArrayOps {
-  using Storage = CZUMultiFileArrayImp<T>;
+  using Storage = CZUMultiFileArrayImp<T, Layout>;
 
   // An index at or beyond the size is ignored.
   static void SetAt(Storage& files, uint64_t index, const void* value);
@@ -59,12 +60,13 @@ struct FileArrayOps {
   static bool SaveDescription(Storage& files, base::DictionaryValue** out);
 };
 
-template <typename T>
-class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
+// Layout: the size of the storage's segments (FileLayout unless a test chooses a smaller one).
+template <typename T, typename Layout = FileLayout>
+class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
  public:
-  using Storage = CZUMultiFileArrayImp<T>;
+  using Storage = CZUMultiFileArrayImp<T, Layout>;
   using Base = CZUArrayBase<T, Storage>;
-  using Ops = FileArrayOps<T>;
+  using Ops = FileArrayOps<T, Layout>;
 
   // The staged single append is tried first, outside the exception guard, so that the common
   // case costs no more than a few stores; the rest takes the guarded path.
@@ -114,6 +116,49 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T>> {
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
 };
+
+template <typename T, typename Layout>
+void FileArrayOps<T, Layout>::SetAt(Storage& files, uint64_t index, const void* value) {
+  if (index >= static_cast<uint64_t>(files.GetSize())) return;
+  files.SetElement(index, *static_cast<const T*>(value));
+}
+
+template <typename T, typename Layout>
+bool FileArrayOps<T, Layout>::LoadDescription(Storage& files, const base::DictionaryValue* desc) {
+  if (desc == nullptr) return false;
+  return files.LoadDescription(*desc);
+}
+
+template <typename T, typename Layout>
+bool FileArrayOps<T, Layout>::SaveDescription(Storage& files, base::DictionaryValue** out) {
+  if (out == nullptr) return false;
+  *out = files.SaveDescription();
+  return true;
+}
+
+template <typename T, typename Layout>
+uint64_t CZUFileArray<T, Layout>::Find(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  const uint64_t n = this->Size();
+  const uint64_t i = this->container_->LowerBound(v);
+  if (i >= n) return i;
+  return *this->container_->GetReadPtr(static_cast<int64_t>(i)) == v ? i : n;
+}
+
+template <typename T, typename Layout>
+void CZUFileArray<T, Layout>::Clear() {
+  if (this->container_->HasDeadSegment()) {
+    this->container_ = std::make_shared<Storage>();
+  } else {
+    this->container_->Clear();
+  }
+}
+
+template <typename T, typename Layout>
+bool CZUFileArray<T, Layout>::Init() {
+  this->container_ = std::make_shared<Storage>();
+  return this->container_ != nullptr;
+}
 
 // The operations serve every element type (a self-spilling array of records moves into files
 // too); the file array exists for the integer types.

@@ -47,12 +47,18 @@ namespace zu {
 // Bytes of elements gathered by single appends before they go to the file in one write.
 constexpr uint64_t kStageBytes = 0x10000;
 
-template <typename T>
+// Layout: the size of the segment (FileLayout unless a test chooses a smaller one). The bodies
+// are in file_segment_inl.h; the library instantiates the default layout for every element
+// type.
+template <typename T, typename Layout = FileLayout>
 class CZUFileArrayImp final : public IZUArrayImp<T> {
+  static_assert(Layout::kSegmentBytes >= kChunkBytes && Layout::kSegmentBytes % kChunkBytes == 0,
+                "a segment is a whole number of chunks");
+
  public:
   // Elements per view / growth step, and per segment.
   static constexpr uint64_t kChunkLength = kChunkBytes / sizeof(T);
-  static constexpr uint64_t kMaxSize = kSegmentBytes / sizeof(T);
+  static constexpr uint64_t kMaxSize = Layout::kSegmentBytes / sizeof(T);
   // Elements per stage; a stage-aligned run never crosses a chunk.
   static constexpr uint64_t kStageLength =
       kStageBytes / sizeof(T) < kChunkLength ? kStageBytes / sizeof(T) : kChunkLength;
@@ -178,11 +184,11 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   uint64_t ScanPage(const typename Samples::Page& page, const T& value);
 
   // The fields of the inline paths (single appends, lock-free reads) come first.
-  uint64_t size_ = 0;                   // size_ <= capacity_ <= kMaxSize
-  AppendStage<T, kStageLength> stage_;  // single appends not yet in the file
-  T last_value_{};                      // copy of the last appended element
-  MappedFile file_;                     // the file, its mapping object and both views
-  Samples samples_;                     // the samples of every element appended
+  uint64_t size_ = 0;                       // size_ <= capacity_ <= kMaxSize
+  AppendStage<T, kStageLength> stage_;      // single appends not yet in the file
+  T last_value_{};                          // copy of the last appended element
+  MappedFile file_{Layout::kSegmentBytes};  // the file, its mapping object and both views
+  Samples samples_;                         // the samples of every element appended
   // Locks, taken in the order the thread-safety note above gives.
   CZUCriticalSection read_lock_;   // guards the read view
   CZUCriticalSection write_lock_;  // guards the write view, the stage, size_ and the samples

@@ -24,17 +24,11 @@
 
 namespace zu {
 
-template <typename T>
-class CZUMultiFileArrayImp;
-
-// The storages take the bodies below rather than the in-memory ones.
+// The storages take the bodies below rather than the in-memory ones: the storage interface
+// here, the multi-file storage next to its class.
 struct StorageFamily {};
 template <typename T, typename A>
 struct ArrayBaseFamily<IZUArrayImp<T, A>> {
-  using type = StorageFamily;
-};
-template <typename T>
-struct ArrayBaseFamily<CZUMultiFileArrayImp<T>> {
   using type = StorageFamily;
 };
 

@@ -56,7 +56,8 @@ void ScopedMapping::Reset() {
   length_ = 0;
 }
 
-MappedFile::MappedFile() : wide_read_view_(platform::Current().ViewsReachPastFileEnd()) {
+MappedFile::MappedFile(uint64_t segment_bytes)
+    : wide_read_view_(platform::Current().ViewsReachPastFileEnd()), segment_bytes_(segment_bytes) {
   RaiseOpenFileLimitOnce();
 }
 
@@ -131,7 +132,7 @@ void MappedFile::FlushWriteView(size_t bytes) {
 }
 
 bool MappedFile::MapReadView(uint64_t chunk) {
-  const size_t length = wide_read_view_ ? kSegmentBytes : kChunkBytes;
+  const size_t length = static_cast<size_t>(wide_read_view_ ? segment_bytes_ : kChunkBytes);
   read_chunk_ = wide_read_view_ ? 0 : chunk;
   if (!read_view_.Map(mapping_, wide_read_view_ ? 0 : chunk * kChunkBytes, length, false)) {
     return false;

@@ -33,6 +33,14 @@ constexpr uint64_t kChunkBytes = 0x100000;
 // Bytes of data one segment (one file) holds at most.
 constexpr uint64_t kSegmentBytes = 0x8000000;
 
+// The size of a segment as a type, so that file storage can be instantiated with smaller
+// segments: the library's storage uses this one; a layout of a few chunks per segment reaches
+// the segment boundaries without writing 128 MiB (for tests). kSegmentBytes must be a
+// multiple of kChunkBytes.
+struct FileLayout {
+  static constexpr uint64_t kSegmentBytes = ::zu::kSegmentBytes;
+};
+
 class ScopedMapping {
  public:
   ScopedMapping() = default;
@@ -59,7 +67,8 @@ class ScopedMapping {
 
 class MappedFile {
  public:
-  MappedFile();
+  // A file of one segment of `segment_bytes` (the span of a wide read view).
+  explicit MappedFile(uint64_t segment_bytes);
   ~MappedFile() { Close(); }
   MappedFile(const MappedFile&) = delete;
   MappedFile& operator=(const MappedFile&) = delete;
@@ -119,6 +128,7 @@ class MappedFile {
   // The read view first: the segment's lock-free reads look at it.
   ScopedMapping read_view_;      // one chunk or the whole segment (wide), or none
   bool wide_read_view_ = false;  // the read view spans the segment from offset 0
+  uint64_t segment_bytes_;       // bytes a wide read view spans
   uint64_t read_chunk_ = 0;      // chunk the read view covers while mapped (0 when wide)
   ScopedMapping write_view_;     // one chunk, or none
   uint64_t write_chunk_ = 0;     // chunk the write view covers while mapped
