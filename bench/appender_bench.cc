@@ -6,7 +6,9 @@
 // The timed part is the filling loop and the final flush; making and destroying the container
 // are not timed. Reported per contender: the median time per element with the fastest and
 // slowest repetition, and the speed over std::vector::push_back as the median of the
-// repetitions' own ratios, with their range.
+// repetitions' own ratios, with their range; both in wall time and in the thread's CPU time
+// (which a busy machine's other work does not inflate; the fills start no threads, and the
+// kernel's copies into the page cache run in the filling thread).
 //
 // Sizes run largest first with the allocator as a host finds it. An in-cache size (at most
 // kInCacheBytes of data) then keeps freed memory in the heap, and runs one untimed round
@@ -16,6 +18,7 @@
 // Usage: zu_appender_bench [--sizes N,...] [--reps N]
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory).
 #include <malloc.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,38 +44,63 @@ using Clock = std::chrono::steady_clock;
 constexpr uint64_t kSampleElements = uint64_t{1} << 22;
 constexpr uint64_t kInCacheBytes = uint64_t{4} << 20;
 
-struct Contender {
-  const char* name;
-  // Fills a fresh container with n values from `first` up; returns the seconds the filling
-  // took, or a negative number when the container did not end with the right last element.
-  std::function<double(uint64_t n, int64_t first)> fill;
-  std::vector<double> seconds;  // per repetition
-  std::vector<double> ratios;   // std::vector's seconds over these, per repetition
+// Wall and thread CPU seconds of one fill; negative when the container ended wrong.
+struct Sample {
+  double wall = 0, cpu = 0;
 };
 
-double Since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
+double ThreadCpu() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
 }
 
-double FillStdVector(uint64_t n, int64_t first) {
+class Timer {
+ public:
+  Timer() : wall_(Clock::now()), cpu_(ThreadCpu()) {}
+  Sample Stop() const {
+    return {std::chrono::duration<double>(Clock::now() - wall_).count(), ThreadCpu() - cpu_};
+  }
+
+ private:
+  Clock::time_point wall_;
+  double cpu_;
+};
+
+struct Contender {
+  const char* name;
+  // Fills a fresh container with n values from `first` up and times the filling; a negative
+  // wall time when the container did not end with the right content.
+  std::function<Sample(uint64_t n, int64_t first)> fill;
+  std::vector<double> wall, cpu;              // seconds per repetition
+  std::vector<double> wall_ratio, cpu_ratio;  // std::vector's over these, per repetition
+};
+
+Sample FillStdVector(uint64_t n, int64_t first) {
   std::vector<int64_t> v;
-  auto start = Clock::now();
+  Timer timer;
   for (uint64_t i = 0; i < n; ++i) v.push_back(first + static_cast<int64_t>(i));
-  double s = Since(start);
-  return v.back() == first + static_cast<int64_t>(n) - 1 ? s : -1;
+  Sample s = timer.Stop();
+  if (v.back() != first + static_cast<int64_t>(n) - 1) s.wall = -1;
+  return s;
 }
 
 template <zu::Array<int64_t> (*Make)()>
-double FillThroughAppender(uint64_t n, int64_t first) {
+Sample FillThroughAppender(uint64_t n, int64_t first) {
   zu::Array<int64_t> array = Make();
-  auto start = Clock::now();
+  Timer timer;
+  zu::Status status;
   {
     auto out = array.appender();
     for (uint64_t i = 0; i < n; ++i) out.push_back(first + static_cast<int64_t>(i));
-    if (out.flush() != zu::Status::ok) return -1;
+    status = out.flush();
   }
-  double s = Since(start);
-  return array.size() == n && array[n - 1] == first + static_cast<int64_t>(n) - 1 ? s : -1;
+  Sample s = timer.Stop();
+  if (status != zu::Status::ok || array.size() != n ||
+      array[n - 1] != first + static_cast<int64_t>(n) - 1) {
+    s.wall = -1;
+  }
+  return s;
 }
 
 double Median(std::vector<double> v) {
@@ -83,14 +111,14 @@ double Median(std::vector<double> v) {
 
 bool Run(uint64_t n, int reps) {
   std::vector<Contender> contenders = {
-      {"std::vector::push_back", FillStdVector, {}, {}},
-      {"appender, vector array", FillThroughAppender<zu::make_vector_array<int64_t>>, {}, {}},
-      {"appender, deque array", FillThroughAppender<zu::make_deque_array<int64_t>>, {}, {}},
-      {"appender, file array", FillThroughAppender<zu::make_file_array<int64_t>>, {}, {}},
+      {"std::vector::push_back", FillStdVector, {}, {}, {}, {}},
+      {"appender, vector array", FillThroughAppender<zu::make_vector_array<int64_t>>, {}, {}, {}, {}},
+      {"appender, deque array", FillThroughAppender<zu::make_deque_array<int64_t>>, {}, {}, {}, {}},
+      {"appender, file array", FillThroughAppender<zu::make_file_array<int64_t>>, {}, {}, {}, {}},
       {"appender, auto vector array", FillThroughAppender<zu::make_auto_vector_array<int64_t>>,
-       {}, {}},
+       {}, {}, {}, {}},
       {"appender, auto deque array", FillThroughAppender<zu::make_auto_deque_array<int64_t>>,
-       {}, {}},
+       {}, {}, {}, {}},
   };
   const uint64_t loops = std::max<uint64_t>(1, kSampleElements / n);
   std::printf("\n%llu int64_t elements (%.1f MiB), %d repetitions%s\n",
@@ -103,34 +131,41 @@ bool Run(uint64_t n, int reps) {
   }
   int64_t first = 1'700'000'000'000;
   for (int rep = in_cache ? -1 : 0; rep < reps; ++rep) {
-    std::vector<double> round(contenders.size());
+    std::vector<Sample> round(contenders.size());
     for (size_t k = 0; k < contenders.size(); ++k) {
       size_t c = (k + static_cast<size_t>(rep + 1)) % contenders.size();
-      double total = 0;
       for (uint64_t l = 0; l < loops; ++l) {
         first += 7919;  // fresh input for every fill
-        double s = contenders[c].fill(n, first);
-        if (s < 0) {
+        Sample s = contenders[c].fill(n, first);
+        if (s.wall < 0) {
           std::fprintf(stderr, "%s: wrong content after filling\n", contenders[c].name);
           return false;
         }
-        total += s;
+        round[c].wall += s.wall / static_cast<double>(loops);
+        round[c].cpu += s.cpu / static_cast<double>(loops);
       }
-      round[c] = total / static_cast<double>(loops);
     }
     for (size_t c = 0; c < contenders.size() && rep >= 0; ++c) {
-      contenders[c].seconds.push_back(round[c]);
-      contenders[c].ratios.push_back(round[0] / round[c]);
+      contenders[c].wall.push_back(round[c].wall);
+      contenders[c].cpu.push_back(round[c].cpu);
+      contenders[c].wall_ratio.push_back(round[0].wall / round[c].wall);
+      contenders[c].cpu_ratio.push_back(round[0].cpu / round[c].cpu);
     }
   }
-  std::printf("  %-28s %22s   %s\n", "contender", "ns/element med [range]",
-              "speed over std::vector med [range]");
+  const double per = 1e9 / static_cast<double>(n);
+  auto show = [per](const std::vector<double>& v, double scale) {
+    auto [lo, hi] = std::minmax_element(v.begin(), v.end());
+    char text[48];
+    std::snprintf(text, sizeof(text), "%6.2f [%5.2f-%5.2f]", Median(v) * scale, *lo * scale,
+                  *hi * scale);
+    return std::string(text);
+  };
+  std::printf("  %-27s %-21s %-21s %-20s %s\n", "", "wall ns/element", "cpu ns/element",
+              "speed (wall)", "speed (cpu)");
   for (const Contender& c : contenders) {
-    auto [lo, hi] = std::minmax_element(c.seconds.begin(), c.seconds.end());
-    auto [rlo, rhi] = std::minmax_element(c.ratios.begin(), c.ratios.end());
-    const double per = 1e9 / static_cast<double>(n);
-    std::printf("  %-28s %6.2f [%5.2f - %5.2f]   %5.2fx [%.2f - %.2f]\n", c.name,
-                Median(c.seconds) * per, *lo * per, *hi * per, Median(c.ratios), *rlo, *rhi);
+    std::printf("  %-27s %s %s %sx %sx\n", c.name, show(c.wall, per).c_str(),
+                show(c.cpu, per).c_str(), show(c.wall_ratio, 1).c_str(),
+                show(c.cpu_ratio, 1).c_str());
   }
   return true;
 }
