@@ -211,6 +211,9 @@ bool ParseOptions(int argc, char** argv, const std::set<std::string>& valued,
 
 // --- zu demo ---------------------------------------------------------------------------------
 
+// The arrays that zu demo --keep never destroys, held to the end (not leaked).
+IZUArray* g_kept_arrays[2] = {};
+
 const char kDemoHelp[] =
     "usage: zu demo [--count N] [--dir DIR] [--keep]\n"
     "\n"
@@ -410,10 +413,10 @@ int Demo(int argc, char** argv) {
           verify.Done(count);
           checks.Expect(sum == expected_sum, "the checksum of every re-attached element", 0);
           if (keep) {
-            // Neither array is destroyed, so neither deletes the files; the process ends
-            // without them and the files stay.
-            array.release();
-            second.release();
+            // Neither array is ever destroyed, so neither deletes the files: the process ends
+            // with them still open, and they stay.
+            g_kept_arrays[0] = array.release();
+            g_kept_arrays[1] = second.release();
             kept = true;
           }
         }
