@@ -11,8 +11,9 @@ int ElementCodeOf(const py::handle& dtype_like) {
   for (int code : {1, 2, 4, 8}) {
     if (dtype.equal(DtypeOf(code))) return code;
   }
-  throw py::type_error("element type must be uint8, uint16, uint32 or int64 (native byte order), not " +
-                       Repr(dtype));
+  throw py::type_error(
+      "element type must be uint8, uint16, uint32 or int64 (native byte order), not " +
+      Repr(dtype));
 }
 
 py::dtype DtypeOf(int code) {
@@ -66,9 +67,10 @@ py::array ToElementsOf(const py::handle& values, bool same_kind) {
     for (py::handle item : array.attr("ravel")()) *dest++ = ToElement<T>(item);
     return std::move(out);
   }
-  if (!integers || (same_kind && !np.attr("can_cast")(array.dtype(), want, "same_kind").cast<bool>())) {
-    Raise(PyExc_TypeError, DtypeName(sizeof(T)) + " array takes integers: " +
-                               Repr(array.dtype()) + " values are converted only when numpy's " +
+  if (!integers ||
+      (same_kind && !np.attr("can_cast")(array.dtype(), want, "same_kind").cast<bool>())) {
+    Raise(PyExc_TypeError, DtypeName(sizeof(T)) + " array takes integers: " + Repr(array.dtype()) +
+                               " values are converted only when numpy's " +
                                (integers ? "same_kind casting allows it" : "casting keeps them"));
   }
   if (!np.attr("can_cast")(array.dtype(), want, "safe").cast<bool>()) {

@@ -83,8 +83,8 @@ T ToElement(const py::handle& value) {
   if (v == -1 && PyErr_Occurred()) throw py::error_already_set();
   if (overflow != 0 || v < static_cast<long long>(std::numeric_limits<T>::min()) ||
       v > static_cast<long long>(std::numeric_limits<T>::max())) {
-    Raise(PyExc_OverflowError, Repr(index) + " is out of range for " + DtypeName(sizeof(T)) +
-                                   " (" + RangeText<T>() + ")");
+    Raise(PyExc_OverflowError, Repr(index) + " is out of range for " + DtypeName(sizeof(T)) + " (" +
+                                   RangeText<T>() + ")");
   }
   return static_cast<T>(v);
 }

@@ -80,12 +80,14 @@ void PyArray::LoadDescription(const py::handle& description) {
   IZUArray& array = Live();
   RefuseWhileExported("load a description");
   if (InMemory() || kind_ == Kind::kAttached) {
-    Raise(PyExc_ValueError, KindPhrase() + " keeps no files: load descriptions into a "
-                            "file_array (or a self-spilling array that lives in files)");
+    Raise(PyExc_ValueError, KindPhrase() +
+                                " keeps no files: load descriptions into a "
+                                "file_array (or a self-spilling array that lives in files)");
   }
-  std::string text = py::isinstance<py::str>(description)
-                         ? description.cast<std::string>()
-                         : py::module_::import("json").attr("dumps")(description).cast<std::string>();
+  std::string text =
+      py::isinstance<py::str>(description)
+          ? description.cast<std::string>()
+          : py::module_::import("json").attr("dumps")(description).cast<std::string>();
   std::string error;
   std::unique_ptr<base::DictionaryValue> parsed = base::ReadJsonDictionary(text, &error);
   base::ListValue* files = nullptr;
@@ -119,8 +121,9 @@ void PyArray::LoadDescription(const py::handle& description) {
     array.SaveDescription(&probe);
     std::unique_ptr<base::DictionaryValue> in_files(probe);
     if (in_files == nullptr) {
-      Raise(PyExc_ValueError, "a self-spilling array takes a description only once it lives in "
-                              "files; load it into a file_array");
+      Raise(PyExc_ValueError,
+            "a self-spilling array takes a description only once it lives in "
+            "files; load it into a file_array");
     }
   }
   if (!array.LoadDescription(parsed.get())) {
@@ -137,8 +140,8 @@ void PyArray::LoadDescription(const py::handle& description) {
     }
   }
   if (!left.empty()) {
-    Raise(PyExc_ValueError, "these files of the description could not be attached: " +
-                                Join(left) + "; the array holds the " + std::to_string(held) +
+    Raise(PyExc_ValueError, "these files of the description could not be attached: " + Join(left) +
+                                "; the array holds the " + std::to_string(held) +
                                 " elements of the files before them");
   }
 }

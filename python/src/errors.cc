@@ -21,10 +21,11 @@ void RaiseNoSpace(const std::string& what) {
   std::string dir = DataDirectoryText();
   std::string where = dir.empty()
                           ? "no data directory is set (call zu_data_manager.set_data_directory)"
-                          : "the data directory " + dir + " has no room (full disk, a file-size "
-                                                          "limit, or it cannot be created)";
-  pybind11::object filename = dir.empty() ? pybind11::object(pybind11::none())
-                                          : pybind11::object(pybind11::str(dir));
+                          : "the data directory " + dir +
+                                " has no room (full disk, a file-size "
+                                "limit, or it cannot be created)";
+  pybind11::object filename =
+      dir.empty() ? pybind11::object(pybind11::none()) : pybind11::object(pybind11::str(dir));
   pybind11::tuple args = pybind11::make_tuple(ENOSPC, what + ": " + where, filename);
   PyErr_SetObject(PyExc_OSError, args.ptr());
   throw pybind11::error_already_set();
@@ -46,10 +47,10 @@ void RegisterTranslators() {
           std::strcmp(e.what(), "not implement") != 0) {
         throw;
       }
-      PyErr_SetString(PyExc_NotImplementedError,
-                      (std::string("this array kind does not support the operation (") +
-                       e.what() + ")")
-                          .c_str());
+      PyErr_SetString(
+          PyExc_NotImplementedError,
+          (std::string("this array kind does not support the operation (") + e.what() + ")")
+              .c_str());
     }
   });
 }

@@ -59,8 +59,7 @@ PYBIND11_MODULE(_core, m) {
   heap_type->as_buffer.bf_getbuffer = &PyArray::GetBuffer;
   heap_type->as_buffer.bf_releasebuffer = &PyArray::ReleaseBuffer;
 
-  array
-      .def("__len__", &PyArray::Size, "Number of elements.\n\nRaises ValueError once closed.")
+  array.def("__len__", &PyArray::Size, "Number of elements.\n\nRaises ValueError once closed.")
       .def("__getitem__", &PyArray::GetItem, py::arg("key"),
            R"doc(a[i], a[i:j:k] or a[indexes].
 
@@ -113,14 +112,16 @@ once closed.)doc")
 Raises NotImplementedError on an attached view, BufferError while a buffer view exists,
 ValueError once closed.)doc")
       .def(
-          "lower_bound", [](PyArray& a, const py::object& k) { return a.Search(Slot::kLowerBound, k); },
+          "lower_bound",
+          [](PyArray& a, const py::object& k) { return a.Search(Slot::kLowerBound, k); },
           py::arg("keys"),
           KeysDoc("Index of the first element not less than each key: numpy's side='left', exact "
                   "on every owning kind.\nAn attached view raises NotImplementedError (use "
                   "searchsorted).")
               .c_str())
       .def(
-          "upper_bound", [](PyArray& a, const py::object& k) { return a.Search(Slot::kUpperBound, k); },
+          "upper_bound",
+          [](PyArray& a, const py::object& k) { return a.Search(Slot::kUpperBound, k); },
           py::arg("keys"),
           KeysDoc("The library's UpperBound of each key, which differs by kind:\n"
                   "- vector, deque, self-spilling arrays in memory: the index of the first element "
@@ -140,7 +141,8 @@ ValueError once closed.)doc")
                   "this search).")
               .c_str())
       .def(
-          "find_floor", [](PyArray& a, const py::object& k) { return a.Search(Slot::kFindFloor, k); },
+          "find_floor",
+          [](PyArray& a, const py::object& k) { return a.Search(Slot::kFindFloor, k); },
           py::arg("keys"),
           KeysDoc("The library's FindFloor of each key: where the key would stand, or the "
                   "element before.\n"
@@ -160,8 +162,9 @@ ValueError once closed.)doc")
   and value is the key itself.
 Returns (int, numpy scalar) for one key, or (int64 ndarray, ndarray of the dtype) shaped like
 an array of keys. Raises as lower_bound does, and ValueError for a negative tolerance.)doc")
-      .def("searchsorted", &PyArray::SearchSorted, py::arg("keys"), py::arg("side") = "left",
-           R"doc(numpy.searchsorted over the array, on every kind (file storage and attached views too).
+      .def(
+          "searchsorted", &PyArray::SearchSorted, py::arg("keys"), py::arg("side") = "left",
+          R"doc(numpy.searchsorted over the array, on every kind (file storage and attached views too).
 
 For each key the index where it would be inserted to keep the order: before equal elements for
 side='left', after them for side='right'. keys are any real numbers (ints of any size, floats;
@@ -175,8 +178,9 @@ numbers.)doc")
 Returns that dict, or None for an array without files (vector, deque, attached, a self-spilling
 array still in memory). The files exist as long as an array owns them. Raises ValueError once
 closed.)doc")
-      .def("load_description", &PyArray::LoadDescription, py::arg("description"),
-           R"doc(Takes over the files of a description (a dict from save_description, or its JSON text).
+      .def(
+          "load_description", &PyArray::LoadDescription, py::arg("description"),
+          R"doc(Takes over the files of a description (a dict from save_description, or its JSON text).
 
 The array's previous content is dropped; from then on it owns the files and deletes them when
 closed. Returns None. Raises ValueError naming every missing or foreign file (not named

@@ -16,8 +16,10 @@ namespace {
 CallLimits g_limits{uint64_t{1} << 31, 0xFFFFFFFFu};
 
 constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;  // 32-bit positions of the containers
-constexpr uint64_t kMaxBlockStep = 32;          // wider slice steps read element by element
-constexpr uint64_t kScratchElements = 1 << 16;  // elements read per block of a stepped slice
+constexpr uint64_t kMaxBlockStep = 32;                  // wider slice steps read element by element
+constexpr uint64_t kScratchElements = 1 << 16;    // elements read per block of a stepped slice
+constexpr size_t kOrderedBatchKeys = 1024;        // smaller batches run in the given order
+constexpr uint64_t kOrderedArrayBytes = 1 << 20;  // as do arrays within one file chunk
 
 // The std::vector behind a factory-made vector array. The member is protected; a pointer to
 // it may be formed through a derived class and then applied to any vector array.
@@ -78,6 +80,30 @@ uint64_t CountBelow(const unsigned char* block, uint64_t n, T t) {
     }
   }
   return first;
+}
+
+// Calls fn(key, i) for every (key, i) of a batch, in ascending key order when the array is
+// larger than a file chunk: a file array moves its 1 MiB read view to the chunk of each key,
+// and keys in order reuse the view (and the caches) instead of moving it for nearly every key
+// of a random batch. The answers do not depend on the order.
+template <typename T, typename Fn>
+void InKeyOrder(std::vector<std::pair<T, size_t>>* batch, uint64_t array_bytes, Fn&& fn) {
+  auto by_key = [](const std::pair<T, size_t>& a, const std::pair<T, size_t>& b) {
+    return a.first < b.first;
+  };
+  if (batch->size() >= kOrderedBatchKeys && array_bytes > kOrderedArrayBytes &&
+      !std::is_sorted(batch->begin(), batch->end(), by_key)) {
+    std::sort(batch->begin(), batch->end(), by_key);
+  }
+  for (const auto& [key, i] : *batch) fn(key, i);
+}
+
+template <typename T>
+std::vector<std::pair<T, size_t>> Batch(const py::array& keys) {
+  const T* from = static_cast<const T*>(keys.data());
+  std::vector<std::pair<T, size_t>> batch(static_cast<size_t>(keys.size()));
+  for (size_t i = 0; i < batch.size(); ++i) batch[i] = {from[i], i};
+  return batch;
 }
 
 [[noreturn]] void RefuseSearchOnView() {
@@ -165,7 +191,7 @@ std::string PyArray::KindPhrase() const {
 }
 
 std::string PyArray::KindName() const {
-  static const char* const kNames[] = {"vector", "deque",      "file",
+  static const char* const kNames[] = {"vector",      "deque",      "file",
                                        "auto_vector", "auto_deque", "attached"};
   return kNames[static_cast<int>(kind_)];
 }
@@ -188,8 +214,7 @@ IZUArray& PyArray::Live() {
 
 void PyArray::RefuseWhileExported(const char* what) const {
   if (exports_ > 0) {
-    Raise(PyExc_BufferError, std::string("cannot ") + what + " while " +
-                                 std::to_string(exports_) +
+    Raise(PyExc_BufferError, std::string("cannot ") + what + " while " + std::to_string(exports_) +
                                  " buffer view(s) of the array exist (np.asarray, memoryview): "
                                  "release them first, or copy with a.to_numpy()");
   }
@@ -326,9 +351,13 @@ py::object PyArray::Gather(IZUArray& array, const py::handle& key, uint64_t n) {
   char kind = indexes.dtype().kind();
   if (kind == 'b') {
     if (indexes.ndim() != 1 || static_cast<uint64_t>(indexes.shape(0)) != n) {
-      Raise(PyExc_IndexError, "boolean index did not match indexed array along dimension 0; "
-                              "dimension is " + std::to_string(n) + " but corresponding "
-                              "boolean dimension is " + std::to_string(indexes.shape(0)));
+      Raise(PyExc_IndexError,
+            "boolean index did not match indexed array along dimension 0; "
+            "dimension is " +
+                std::to_string(n) +
+                " but corresponding "
+                "boolean dimension is " +
+                std::to_string(indexes.shape(0)));
     }
     indexes = np.attr("flatnonzero")(indexes);
   } else if (indexes.size() == 0) {
@@ -388,9 +417,10 @@ py::array PyArray::ToNumpy(const py::handle& start, const py::handle& count) {
 py::object PyArray::AsArray(const py::handle& dtype, const py::handle& copy) {
   IZUArray& array = Live();
   if (copy.ptr() == Py_False) {
-    Raise(PyExc_ValueError, "the elements are always copied out of the array: copy=False "
-                            "cannot be honoured (a vector array or an attached view also "
-                            "offers a zero-copy memoryview)");
+    Raise(PyExc_ValueError,
+          "the elements are always copied out of the array: copy=False "
+          "cannot be honoured (a vector array or an attached view also "
+          "offers a zero-copy memoryview)");
   }
   py::array out = ReadRange(array, 0, array.GetSize());
   if (dtype.is_none()) return std::move(out);
@@ -403,8 +433,8 @@ void PyArray::CheckAdded(IZUArray& array, int code, uint64_t before, uint64_t gi
   uint64_t after = array.GetSize();
   if (code == kZuOk && after == before + given) return;
   std::string what = "appending " + std::to_string(given) + " element(s) to " + KindPhrase() +
-                     " of " + DtypeName(code_) + " holding " + std::to_string(before) +
-                     " (now " + std::to_string(after) + ")";
+                     " of " + DtypeName(code_) + " holding " + std::to_string(before) + " (now " +
+                     std::to_string(after) + ")";
   if (code == kZuFailed) {
     if (InMemory() && before + given > kMaxInMemoryElements) {
       Raise(PyExc_RuntimeError, what + " failed: an in-memory array holds at most " +
@@ -484,12 +514,12 @@ py::object PyArray::Search(Slot slot, const py::handle& keys) {
     if (IsScalar(keys)) return py::int_(call(ToElement<T>(keys)));
     py::array values = ToElements(keys, code_, false);
     py::array_t<int64_t> out(ShapeOf(values));
-    const T* from = static_cast<const T*>(values.data());
     int64_t* to = out.mutable_data();
-    auto n = static_cast<size_t>(values.size());
     Busy busy(this);
     py::gil_scoped_release release;
-    for (size_t i = 0; i < n; ++i) to[i] = call(from[i]);
+    auto batch = Batch<T>(values);
+    InKeyOrder(&batch, array.GetSize() * sizeof(T),
+               [&](const T& key, size_t i) { to[i] = call(key); });
     return std::move(out);
   });
 }
@@ -510,11 +540,13 @@ py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolera
     py::array nearest = Numpy().attr("array")(values, dtype_);
     T* inout = static_cast<T*>(nearest.mutable_data());
     int64_t* to = indexes.mutable_data();
-    auto n = static_cast<size_t>(values.size());
     {
       Busy busy(this);
       py::gil_scoped_release release;
-      for (size_t i = 0; i < n; ++i) to[i] = static_cast<int64_t>(array.FindNearest(inout + i, within));
+      auto batch = Batch<T>(values);
+      InKeyOrder(&batch, array.GetSize() * sizeof(T), [&](const T&, size_t i) {
+        to[i] = static_cast<int64_t>(array.FindNearest(inout + i, within));
+      });
     }
     return py::make_tuple(indexes, nearest);
   });
@@ -534,15 +566,7 @@ py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side
     using T = typename decltype(tag)::type;
     // Every kind answers through the exact LowerBound (views through a bisection of their
     // buffer): count(element < ceil(k)) for 'left', count(element < floor(k) + 1) for 'right'.
-    auto answer = [&](auto key) -> int64_t {
-      bool all = false;
-      Wide t = ExactThreshold(key, right, &all);
-      if (all || t > static_cast<Wide>(std::numeric_limits<T>::max())) return static_cast<int64_t>(n);
-      if (t <= static_cast<Wide>(std::numeric_limits<T>::min())) return 0;
-      T threshold = static_cast<T>(t);
-      return static_cast<int64_t>(block != nullptr ? CountBelow(block, n, threshold)
-                                                   : array.LowerBound(&threshold));
-    };
+    // Keys beyond the element range answer 0 or n at once.
     auto run = [&](auto key_tag) {
       using K = typename decltype(key_tag)::type;
       const K* from = static_cast<const K*>(exact.values.data());
@@ -550,7 +574,22 @@ py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side
       auto count = static_cast<size_t>(exact.values.size());
       Busy busy(this);
       py::gil_scoped_release release;
-      for (size_t i = 0; i < count; ++i) to[i] = answer(from[i]);
+      std::vector<std::pair<T, size_t>> batch;
+      for (size_t i = 0; i < count; ++i) {
+        bool all = false;
+        Wide t = ExactThreshold(from[i], right, &all);
+        if (all || t > static_cast<Wide>(std::numeric_limits<T>::max())) {
+          to[i] = static_cast<int64_t>(n);
+        } else if (t <= static_cast<Wide>(std::numeric_limits<T>::min())) {
+          to[i] = 0;
+        } else {
+          batch.emplace_back(static_cast<T>(t), i);
+        }
+      }
+      InKeyOrder(&batch, n * sizeof(T), [&](const T& threshold, size_t i) {
+        to[i] = static_cast<int64_t>(block != nullptr ? CountBelow(block, n, threshold)
+                                                      : array.LowerBound(&threshold));
+      });
     };
     switch (exact.values.dtype().kind()) {
       case 'i':

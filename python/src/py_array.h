@@ -94,13 +94,13 @@ class PyArray {
 
   std::unique_ptr<IZUArray> array_;  // null once closed
   Kind kind_;
-  int code_;                               // element size in bytes: 1, 2, 4 or 8
-  py::dtype dtype_;                        // the numpy dtype of code_
-  py::object scalar_type_;                 // numpy scalar type of the elements (numpy.int64, ...)
-  py::object attached_;                    // the numpy array an attached view reads, else None
+  int code_;                // element size in bytes: 1, 2, 4 or 8
+  py::dtype dtype_;         // the numpy dtype of code_
+  py::object scalar_type_;  // numpy scalar type of the elements (numpy.int64, ...)
+  py::object attached_;     // the numpy array an attached view reads, else None
   const unsigned char* attached_data_ = nullptr;  // its buffer, alive as long as attached_
-  int exports_ = 0;                        // live buffer views of the storage
-  bool busy_ = false;                      // a call with the GIL released is running
+  int exports_ = 0;                               // live buffer views of the storage
+  bool busy_ = false;                             // a call with the GIL released is running
 };
 
 }  // namespace zu_python

@@ -70,7 +70,7 @@ def test_searches_per_kind(kind, dtype):
     v = sorted_values(dtype)
     a = made(kind, v)
     rng = np.random.default_rng(2)
-    keys = np.concatenate([rng.choice(v, 500), rng.integers(int(v[0]) - 2, int(v[-1]) + 2, 500)])
+    keys = np.concatenate([rng.choice(v, 600), rng.integers(int(v[0]) - 2, int(v[-1]) + 2, 600)])
     keys = keys.clip(np.iinfo(dtype).min, np.iinfo(dtype).max).astype(dtype)
     reals = np.concatenate([keys, keys + 0.5, [np.nan, np.inf, -np.inf, -1, 2.0**64]])
     for side in ("left", "right"):  # exact on every kind, beyond the dtype's range too
