@@ -208,7 +208,7 @@ while a buffer view exists.)doc")
                              "exist");
           },
           py::arg("protocol"), "Raises TypeError: arrays are not pickled.")
-      .def("__repr__", &PyArray::Repr)
+      .def("__repr__", &PyArray::Repr, "Kind, dtype and size (or closed).")
       .def_property_readonly("dtype", &PyArray::dtype, "numpy dtype of the elements.")
       .def_property_readonly(
           "shape", [](PyArray& a) { return py::make_tuple(a.Size()); }, "(len(a),)")
@@ -277,8 +277,8 @@ Files that a live array of any process holds open are kept. Returns None.)doc");
   m.def(
       "_set_call_limits",
       [](uint64_t piece, uint64_t reach) {
-        if (piece == 0 || piece > 0xFFFFFFFFu || reach > 0xFFFFFFFFu) {
-          zu_python::Raise(PyExc_ValueError, "piece must be 1..2^32-1 and reach below 2^32");
+        if (piece == 0 || piece > 0x7FFFFFFFu || reach > 0xFFFFFFFFu) {
+          zu_python::Raise(PyExc_ValueError, "piece must be 1..2^31-1 and reach below 2^32");
         }
         zu_python::CallLimits old = zu_python::Limits();
         zu_python::Limits() = {piece, reach};

@@ -13,7 +13,7 @@ namespace zu_python {
 
 namespace {
 
-CallLimits g_limits{uint64_t{1} << 31, 0xFFFFFFFFu};
+CallLimits g_limits{uint64_t{1} << 30, 0xFFFFFFFFu};
 
 constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;  // 32-bit positions of the containers
 constexpr uint64_t kMaxBlockStep = 32;                  // wider slice steps read element by element
@@ -461,6 +461,12 @@ void PyArray::Append(const py::handle& values) {
       return;
     }
     py::array elements = ToElements(values, code_, true);
+    if (exports_ > 0) {
+      // The values may be a view of this very array (a.append(a)): copy them, so that the
+      // view goes and the storage may grow.
+      elements = elements.attr("copy")();
+      RefuseWhileExported("append");
+    }
     if (elements.ndim() != 1) {
       Raise(PyExc_ValueError, "append takes one value or a 1-D array, not an array of shape " +
                                   zu_python::Repr(elements.attr("shape")));

@@ -30,7 +30,7 @@ enum class Slot { kLowerBound, kUpperBound, kFind, kFindFloor };
 // (its start is 32 bits wide; reads beyond go element by element). Tests lower them to cover
 // the split without 2^32 elements.
 struct CallLimits {
-  uint64_t piece;  // < 2^32: AppendBuffer uses only the low 32 bits of its count
+  uint64_t piece;  // < 2^31: a range's count is a signed 32-bit difference of positions
   uint64_t reach;  // <= 2^32 - 1
 };
 CallLimits& Limits();

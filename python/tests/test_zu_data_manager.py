@@ -138,7 +138,7 @@ def test_no_silent_change_of_values(kind, dtype):
 
 
 def test_appends_and_reads_split_into_pieces():
-    old = zu._core._set_call_limits(1000, 2500)  # as the real limits of 2**31 and 2**32 - 1 would
+    old = zu._core._set_call_limits(1000, 2500)  # as the real limits of 2**30 and 2**32 - 1 do
     try:
         v = np.arange(10_000, dtype=np.int64)
         for kind in OWNING:
