@@ -68,6 +68,7 @@ std::string Join(const std::vector<std::string>& parts) {
 
 py::object PyArray::SaveDescription() {
   IZUArray& array = Live();
+  Busy busy(this);
   base::DictionaryValue* raw = nullptr;
   bool ok = array.SaveDescription(&raw);
   std::unique_ptr<base::DictionaryValue> description(raw);
@@ -77,7 +78,8 @@ py::object PyArray::SaveDescription() {
 }
 
 void PyArray::LoadDescription(const py::handle& description) {
-  IZUArray& array = Live();
+  IZUArray& array = Live(true);
+  Busy busy(this);
   RefuseWhileExported("load a description");
   if (InMemory() || kind_ == Kind::kAttached) {
     Raise(PyExc_ValueError, KindPhrase() +

@@ -116,19 +116,6 @@ std::vector<std::pair<T, size_t>> Batch(const py::array& keys) {
 
 CallLimits& Limits() { return g_limits; }
 
-// Marks the array busy for a call that releases the GIL. Declared before the GIL release, so
-// the mark is cleared after the GIL is back.
-class PyArray::Busy {
- public:
-  explicit Busy(PyArray* array) : array_(array) { array_->busy_ = true; }
-  ~Busy() { array_->busy_ = false; }
-  Busy(const Busy&) = delete;
-  Busy& operator=(const Busy&) = delete;
-
- private:
-  PyArray* array_;
-};
-
 PyArray::PyArray(Kind kind, const py::handle& dtype)
     : kind_(kind), code_(ElementCodeOf(dtype)), dtype_(DtypeOf(code_)) {
   CArrayFactory factory;
@@ -198,16 +185,17 @@ std::string PyArray::KindName() const {
 
 std::string PyArray::Repr() const {
   if (closed()) return "<closed zu_data_manager.Array>";
-  std::string size = busy_ ? "busy" : "size=" + std::to_string(array_->GetSize());
+  std::string size = released_ ? "busy" : "size=" + std::to_string(array_->GetSize());
   return "zu_data_manager.Array(kind='" + KindName() + "', dtype=" + DtypeName(code_) + ", " +
          size + ")";
 }
 
-IZUArray& PyArray::Live() {
+IZUArray& PyArray::Live(bool change) {
   if (array_ == nullptr) Raise(PyExc_ValueError, "operation on a closed array");
-  if (busy_) {
+  if (released_ || (change && busy_ > 0)) {
     Raise(PyExc_RuntimeError,
-          "the array is busy with a call from another thread (one thread per array)");
+          "the array is busy with another call: one thread per array, and no change from "
+          "inside a call on it");
   }
   return *array_;
 }
@@ -229,7 +217,7 @@ void PyArray::RefuseOnView(const char* what) const {
 
 void PyArray::Close() {
   if (closed()) return;
-  Live();
+  Live(true);
   RefuseWhileExported("close the array");
   array_.reset();  // a file-backed array deletes its files here
   attached_ = py::none();
@@ -298,8 +286,7 @@ py::array PyArray::ReadRange(IZUArray& array, uint64_t start, uint64_t count) {
   WithElement(code_, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* dest = static_cast<T*>(out.mutable_data());
-    Busy busy(this);
-    py::gil_scoped_release release;
+    Released released(this);
     Read(array, start, count, dest);
   });
   return out;
@@ -316,6 +303,7 @@ py::object PyArray::Element(IZUArray& array, uint64_t index) {
 
 py::object PyArray::GetItem(const py::handle& key) {
   IZUArray& array = Live();
+  Busy busy(this);
   uint64_t n = array.GetSize();
   if (PySlice_Check(key.ptr())) {
     Py_ssize_t start = 0, stop = 0, step = 0;
@@ -331,8 +319,7 @@ py::object PyArray::GetItem(const py::handle& key) {
       // A backward slice is the forward one from its lowest index, reversed.
       uint64_t lowest = step > 0 ? static_cast<uint64_t>(start)
                                  : static_cast<uint64_t>(start) - (count - 1) * stride;
-      Busy busy(this);
-      py::gil_scoped_release release;
+      Released released(this);
       ReadStrided(array, lowest, stride, count, dest);
       if (step < 0) std::reverse(dest, dest + count);
     });
@@ -384,15 +371,15 @@ py::object PyArray::Gather(IZUArray& array, const py::handle& key, uint64_t n) {
   WithElement(code_, [&](auto tag) {
     using T = typename decltype(tag)::type;
     T* dest = static_cast<T*>(out.mutable_data());
-    Busy busy(this);
-    py::gil_scoped_release release;
+    Released released(this);
     for (uint64_t position : positions) ReadOne(array, position, dest++);
   });
   return std::move(out);
 }
 
 void PyArray::SetItem(const py::handle& key, const py::handle& value) {
-  IZUArray& array = Live();
+  IZUArray& array = Live(true);
+  Busy busy(this);
   RefuseOnView("be assigned to");
   if (py::isinstance<py::array>(key) || !PyIndex_Check(key.ptr())) {
     Raise(PyExc_TypeError, "only one element at a time can be assigned: a[i] = v");
@@ -407,6 +394,7 @@ void PyArray::SetItem(const py::handle& key, const py::handle& value) {
 
 py::array PyArray::ToNumpy(const py::handle& start, const py::handle& count) {
   IZUArray& array = Live();
+  Busy busy(this);
   uint64_t first = ToCount(start, "start");
   uint64_t n = array.GetSize();
   uint64_t available = first < n ? n - first : 0;
@@ -416,6 +404,7 @@ py::array PyArray::ToNumpy(const py::handle& start, const py::handle& count) {
 
 py::object PyArray::AsArray(const py::handle& dtype, const py::handle& copy) {
   IZUArray& array = Live();
+  Busy busy(this);
   if (copy.ptr() == Py_False) {
     Raise(PyExc_ValueError,
           "the elements are always copied out of the array: copy=False "
@@ -449,7 +438,8 @@ void PyArray::CheckAdded(IZUArray& array, int code, uint64_t before, uint64_t gi
 }
 
 void PyArray::Append(const py::handle& values) {
-  IZUArray& array = Live();
+  IZUArray& array = Live(true);
+  Busy busy(this);
   RefuseOnView("append");
   RefuseWhileExported("append");
   WithElement(code_, [&](auto tag) {
@@ -476,8 +466,7 @@ void PyArray::Append(const py::handle& values) {
     uint64_t done = 0;
     int code = kZuOk;
     {
-      Busy busy(this);
-      py::gil_scoped_release release;
+      Released released(this);
       const uint64_t piece_limit = g_limits.piece;
       while (done < total) {
         uint64_t piece = std::min(total - done, piece_limit);
@@ -491,7 +480,8 @@ void PyArray::Append(const py::handle& values) {
 }
 
 void PyArray::Clear() {
-  IZUArray& array = Live();
+  IZUArray& array = Live(true);
+  Busy busy(this);
   RefuseOnView("be cleared");
   RefuseWhileExported("clear the array");
   array.Clear();
@@ -501,6 +491,7 @@ void PyArray::Clear() {
 
 py::object PyArray::Search(Slot slot, const py::handle& keys) {
   IZUArray& array = Live();
+  Busy busy(this);
   if (kind_ == Kind::kAttached && slot != Slot::kUpperBound) RefuseSearchOnView();
   return WithElement(code_, [&](auto tag) -> py::object {
     using T = typename decltype(tag)::type;
@@ -521,8 +512,7 @@ py::object PyArray::Search(Slot slot, const py::handle& keys) {
     py::array values = ToElements(keys, code_, false);
     py::array_t<int64_t> out(ShapeOf(values));
     int64_t* to = out.mutable_data();
-    Busy busy(this);
-    py::gil_scoped_release release;
+    Released released(this);
     auto batch = Batch<T>(values);
     InKeyOrder(&batch, array.GetSize() * sizeof(T),
                [&](const T& key, size_t i) { to[i] = call(key); });
@@ -532,6 +522,7 @@ py::object PyArray::Search(Slot slot, const py::handle& keys) {
 
 py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolerance) {
   IZUArray& array = Live();
+  Busy busy(this);
   uint64_t within = ToCount(tolerance, "tolerance");
   if (kind_ == Kind::kAttached) RefuseSearchOnView();
   return WithElement(code_, [&](auto tag) -> py::object {
@@ -547,8 +538,7 @@ py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolera
     T* inout = static_cast<T*>(nearest.mutable_data());
     int64_t* to = indexes.mutable_data();
     {
-      Busy busy(this);
-      py::gil_scoped_release release;
+      Released released(this);
       auto batch = Batch<T>(values);
       InKeyOrder(&batch, array.GetSize() * sizeof(T), [&](const T&, size_t i) {
         to[i] = static_cast<int64_t>(array.FindNearest(inout + i, within));
@@ -560,6 +550,7 @@ py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolera
 
 py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side) {
   IZUArray& array = Live();
+  Busy busy(this);
   if (side != "left" && side != "right") {
     Raise(PyExc_ValueError, "side must be 'left' or 'right' (got '" + side + "')");
   }
@@ -578,8 +569,7 @@ py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side
       const K* from = static_cast<const K*>(exact.values.data());
       int64_t* to = out.mutable_data();
       auto count = static_cast<size_t>(exact.values.size());
-      Busy busy(this);
-      py::gil_scoped_release release;
+      Released released(this);
       std::vector<std::pair<T, size_t>> batch;
       for (size_t i = 0; i < count; ++i) {
         bool all = false;

@@ -71,10 +71,36 @@ class PyArray {
   static void ReleaseBuffer(PyObject* self, Py_buffer* view);
 
  private:
-  class Busy;
+  // Marks the array in use for one call, from its first check to its return. Python code that
+  // a conversion runs (an __index__, an __array__) may still read the array, but not change or
+  // close it under the call.
+  class Busy {
+   public:
+    explicit Busy(PyArray* array) : array_(array) { ++array_->busy_; }
+    ~Busy() { --array_->busy_; }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
 
-  // The array, or ValueError once closed and RuntimeError while another thread's call runs.
-  IZUArray& Live();
+   private:
+    PyArray* array_;
+  };
+  // Lets other threads run while the library works; they find the array refused meanwhile.
+  class Released {
+   public:
+    explicit Released(PyArray* array) : flag_(array) {}
+
+   private:
+    struct Flag {  // set before the GIL goes, cleared after it is back
+      explicit Flag(PyArray* array) : array(array) { array->released_ = true; }
+      ~Flag() { array->released_ = false; }
+      PyArray* array;
+    } flag_;
+    py::gil_scoped_release release_;
+  };
+
+  // The array, or ValueError once closed, RuntimeError while another thread's call runs or,
+  // for a call that changes the array, while a call on it is under way.
+  IZUArray& Live(bool change = false);
   void RefuseWhileExported(const char* what) const;
   void RefuseOnView(const char* what) const;
   bool InMemory() const { return kind_ == Kind::kVector || kind_ == Kind::kDeque; }
@@ -100,7 +126,8 @@ class PyArray {
   py::object attached_;     // the numpy array an attached view reads, else None
   const unsigned char* attached_data_ = nullptr;  // its buffer, alive as long as attached_
   int exports_ = 0;                               // live buffer views of the storage
-  bool busy_ = false;                             // a call with the GIL released is running
+  int busy_ = 0;                                  // calls under way (see Busy)
+  bool released_ = false;                         // one of them has let go of the GIL
 };
 
 }  // namespace zu_python
