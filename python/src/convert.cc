@@ -29,6 +29,17 @@ bool IsScalar(const py::handle& value) {
   return !PySequence_Check(value.ptr());
 }
 
+uint64_t ToCount(const py::handle& value, const char* name) {
+  py::object index = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+  if (!index) throw py::error_already_set();
+  int overflow = 0;
+  long long v = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
+  if (v == -1 && PyErr_Occurred()) throw py::error_already_set();
+  if (overflow > 0) return std::numeric_limits<uint64_t>::max();
+  if (overflow < 0 || v < 0) Raise(PyExc_ValueError, std::string(name) + " must not be negative");
+  return static_cast<uint64_t>(v);
+}
+
 namespace {
 
 // The first value of `array` outside the range of T, as an OverflowError.

@@ -60,6 +60,10 @@ inline std::vector<py::ssize_t> ShapeOf(const py::array& array) {
   return std::vector<py::ssize_t>(array.shape(), array.shape() + array.ndim());
 }
 
+// A non-negative integer argument (start, count, tolerance); ValueError when negative, and
+// 2^64 - 1 for any larger one.
+uint64_t ToCount(const py::handle& value, const char* name);
+
 // Whether `value` is one number rather than a sequence or an array of them.
 bool IsScalar(const py::handle& value);
 

@@ -17,9 +17,7 @@ CallLimits g_limits{uint64_t{1} << 30, 0xFFFFFFFFu};
 
 constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;  // 32-bit positions of the containers
 constexpr uint64_t kMaxBlockStep = 32;                  // wider slice steps read element by element
-constexpr uint64_t kScratchElements = 1 << 16;    // elements read per block of a stepped slice
-constexpr size_t kOrderedBatchKeys = 1024;        // smaller batches run in the given order
-constexpr uint64_t kOrderedArrayBytes = 1 << 20;  // as do arrays within one file chunk
+constexpr uint64_t kScratchElements = 1 << 16;  // elements read per block of a stepped slice
 
 // The std::vector behind a factory-made vector array. The member is protected; a pointer to
 // it may be formed through a derived class and then applied to any vector array.
@@ -32,17 +30,6 @@ struct VectorOf : zu::CZUVectorArray<T> {
     return (vector_array->*member).get();
   }
 };
-
-uint64_t ToCount(const py::handle& value, const char* name) {
-  py::object index = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
-  if (!index) throw py::error_already_set();
-  int overflow = 0;
-  long long v = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
-  if (v == -1 && PyErr_Occurred()) throw py::error_already_set();
-  if (overflow > 0) return std::numeric_limits<uint64_t>::max();
-  if (overflow < 0 || v < 0) Raise(PyExc_ValueError, std::string(name) + " must not be negative");
-  return static_cast<uint64_t>(v);
-}
 
 // Index `key` (negative counts from the end) into [0, n), or IndexError as numpy words it.
 uint64_t Normalise(const py::handle& key, uint64_t n) {
@@ -57,59 +44,6 @@ uint64_t Normalise(const py::handle& key, uint64_t n) {
                                 " is out of bounds for axis 0 with size " + std::to_string(n));
   }
   return static_cast<uint64_t>(i);
-}
-
-template <typename T>
-T Load(const unsigned char* block, uint64_t index) {
-  T v;
-  std::memcpy(&v, block + index * sizeof(T), sizeof(T));
-  return v;
-}
-
-// Number of elements below t in an ascending block of n elements.
-template <typename T>
-uint64_t CountBelow(const unsigned char* block, uint64_t n, T t) {
-  uint64_t first = 0;
-  while (n > 0) {
-    uint64_t half = n / 2;
-    if (Load<T>(block, first + half) < t) {
-      first += half + 1;
-      n -= half + 1;
-    } else {
-      n = half;
-    }
-  }
-  return first;
-}
-
-// Calls fn(key, i) for every (key, i) of a batch, in ascending key order when the array is
-// larger than a file chunk: a file array moves its 1 MiB read view to the chunk of each key,
-// and keys in order reuse the view (and the caches) instead of moving it for nearly every key
-// of a random batch. The answers do not depend on the order.
-template <typename T, typename Fn>
-void InKeyOrder(std::vector<std::pair<T, size_t>>* batch, uint64_t array_bytes, Fn&& fn) {
-  auto by_key = [](const std::pair<T, size_t>& a, const std::pair<T, size_t>& b) {
-    return a.first < b.first;
-  };
-  if (batch->size() >= kOrderedBatchKeys && array_bytes > kOrderedArrayBytes &&
-      !std::is_sorted(batch->begin(), batch->end(), by_key)) {
-    std::sort(batch->begin(), batch->end(), by_key);
-  }
-  for (const auto& [key, i] : *batch) fn(key, i);
-}
-
-template <typename T>
-std::vector<std::pair<T, size_t>> Batch(const py::array& keys) {
-  const T* from = static_cast<const T*>(keys.data());
-  std::vector<std::pair<T, size_t>> batch(static_cast<size_t>(keys.size()));
-  for (size_t i = 0; i < batch.size(); ++i) batch[i] = {from[i], i};
-  return batch;
-}
-
-[[noreturn]] void RefuseSearchOnView() {
-  Raise(PyExc_NotImplementedError,
-        "an attached view answers upper_bound (an exact-match search) and searchsorted only; "
-        "the library does not implement the other searches on views");
 }
 
 }  // namespace
@@ -239,7 +173,7 @@ const unsigned char* PyArray::Block(IZUArray& array) const {
 template <typename T>
 void PyArray::ReadOne(IZUArray& array, uint64_t index, T* out) const {
   if (attached_data_ != nullptr) {
-    *out = Load<T>(attached_data_, index);
+    *out = LoadElement<T>(attached_data_, index);
   } else {
     array.GetAt(index, out);
   }
@@ -485,119 +419,6 @@ void PyArray::Clear() {
   RefuseOnView("be cleared");
   RefuseWhileExported("clear the array");
   array.Clear();
-}
-
-// --- searching -------------------------------------------------------------------------------
-
-py::object PyArray::Search(Slot slot, const py::handle& keys) {
-  IZUArray& array = Live();
-  Busy busy(this);
-  if (kind_ == Kind::kAttached && slot != Slot::kUpperBound) RefuseSearchOnView();
-  return WithElement(code_, [&](auto tag) -> py::object {
-    using T = typename decltype(tag)::type;
-    auto call = [&array, slot](const T& v) -> int64_t {
-      switch (slot) {
-        case Slot::kLowerBound:
-          return static_cast<int64_t>(array.LowerBound(&v));
-        case Slot::kUpperBound:
-          return static_cast<int64_t>(array.UpperBound(&v));
-        case Slot::kFind:
-          return static_cast<int64_t>(array.Find(&v));
-        case Slot::kFindFloor:
-          break;
-      }
-      return static_cast<int64_t>(array.FindFloor(&v));  // all-ones reads as -1
-    };
-    if (IsScalar(keys)) return py::int_(call(ToElement<T>(keys)));
-    py::array values = ToElements(keys, code_, false);
-    py::array_t<int64_t> out(ShapeOf(values));
-    int64_t* to = out.mutable_data();
-    Released released(this);
-    auto batch = Batch<T>(values);
-    InKeyOrder(&batch, array.GetSize() * sizeof(T),
-               [&](const T& key, size_t i) { to[i] = call(key); });
-    return std::move(out);
-  });
-}
-
-py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolerance) {
-  IZUArray& array = Live();
-  Busy busy(this);
-  uint64_t within = ToCount(tolerance, "tolerance");
-  if (kind_ == Kind::kAttached) RefuseSearchOnView();
-  return WithElement(code_, [&](auto tag) -> py::object {
-    using T = typename decltype(tag)::type;
-    if (IsScalar(keys)) {
-      T value = ToElement<T>(keys);
-      auto index = static_cast<int64_t>(array.FindNearest(&value, within));
-      return py::make_tuple(index, scalar_type_(value));
-    }
-    py::array values = ToElements(keys, code_, false);
-    py::array_t<int64_t> indexes(ShapeOf(values));
-    py::array nearest = Numpy().attr("array")(values, dtype_);
-    T* inout = static_cast<T*>(nearest.mutable_data());
-    int64_t* to = indexes.mutable_data();
-    {
-      Released released(this);
-      auto batch = Batch<T>(values);
-      InKeyOrder(&batch, array.GetSize() * sizeof(T), [&](const T&, size_t i) {
-        to[i] = static_cast<int64_t>(array.FindNearest(inout + i, within));
-      });
-    }
-    return py::make_tuple(indexes, nearest);
-  });
-}
-
-py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side) {
-  IZUArray& array = Live();
-  Busy busy(this);
-  if (side != "left" && side != "right") {
-    Raise(PyExc_ValueError, "side must be 'left' or 'right' (got '" + side + "')");
-  }
-  const bool right = side == "right";
-  ExactKeys exact = ToExactKeys(keys);
-  const uint64_t n = array.GetSize();
-  const unsigned char* block = kind_ == Kind::kAttached ? attached_data_ : nullptr;
-  py::array_t<int64_t> out(ShapeOf(exact.values));
-  WithElement(code_, [&](auto tag) {
-    using T = typename decltype(tag)::type;
-    // Every kind answers through the exact LowerBound (views through a bisection of their
-    // buffer): count(element < ceil(k)) for 'left', count(element < floor(k) + 1) for 'right'.
-    // Keys beyond the element range answer 0 or n at once.
-    auto run = [&](auto key_tag) {
-      using K = typename decltype(key_tag)::type;
-      const K* from = static_cast<const K*>(exact.values.data());
-      int64_t* to = out.mutable_data();
-      auto count = static_cast<size_t>(exact.values.size());
-      Released released(this);
-      std::vector<std::pair<T, size_t>> batch;
-      for (size_t i = 0; i < count; ++i) {
-        bool all = false;
-        Wide t = ExactThreshold(from[i], right, &all);
-        if (all || t > static_cast<Wide>(std::numeric_limits<T>::max())) {
-          to[i] = static_cast<int64_t>(n);
-        } else if (t <= static_cast<Wide>(std::numeric_limits<T>::min())) {
-          to[i] = 0;
-        } else {
-          batch.emplace_back(static_cast<T>(t), i);
-        }
-      }
-      InKeyOrder(&batch, n * sizeof(T), [&](const T& threshold, size_t i) {
-        to[i] = static_cast<int64_t>(block != nullptr ? CountBelow(block, n, threshold)
-                                                      : array.LowerBound(&threshold));
-      });
-    };
-    switch (exact.values.dtype().kind()) {
-      case 'i':
-        return run(Tag<int64_t>{});
-      case 'u':
-        return run(Tag<uint64_t>{});
-      default:
-        return run(Tag<double>{});
-    }
-  });
-  if (exact.scalar) return out[py::tuple()];
-  return std::move(out);
 }
 
 // --- buffer protocol -------------------------------------------------------------------------

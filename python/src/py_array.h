@@ -14,6 +14,7 @@
 #include <pybind11/pybind11.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,14 @@ struct CallLimits {
   uint64_t reach;  // <= 2^32 - 1
 };
 CallLimits& Limits();
+
+// An element of a buffer that need not be aligned for T.
+template <typename T>
+T LoadElement(const unsigned char* block, uint64_t index) {
+  T v;
+  std::memcpy(&v, block + index * sizeof(T), sizeof(T));
+  return v;
+}
 
 class PyArray {
  public:
