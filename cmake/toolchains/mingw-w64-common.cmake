@@ -1,5 +1,6 @@
 # Shared part of the mingw-w64 cross builds; the including file sets ZU_MINGW_ARCH and, where
-# the compiler runtime must be shared, ZU_MINGW_RUNTIME_DLLS.
+# the compiler runtime must be shared, ZU_MINGW_RUNTIME_DLLS (and may add
+# ZU_MINGW_EXE_LINKER_FLAGS for the programs).
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR ${ZU_MINGW_ARCH})
 set(ZU_MINGW_TRIPLE ${ZU_MINGW_ARCH}-w64-mingw32)
@@ -22,3 +23,4 @@ else()
   set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
   set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
 endif()
+string(APPEND CMAKE_EXE_LINKER_FLAGS_INIT " ${ZU_MINGW_EXE_LINKER_FLAGS}")
