@@ -43,6 +43,8 @@ TEST(PublicApi, NotImplementedErrorsReachTheHost) {
   EXPECT_THROW(records->LowerBound(record), std::logic_error);
   EXPECT_THROW(records->Find(record), std::logic_error);
   EXPECT_THROW(records->AppendBuffer(record, 1), std::logic_error);
+  // The full-disk exception's type comes from the library too.
+  EXPECT_THROW(throw ZuArrayNoSpaceException(), ZuArrayNoSpaceException);
 }
 
 TEST(PublicApi, DescriptionRoundTripThroughJson) {
