@@ -93,10 +93,15 @@ TEST(DataDirectory, CleanTmpFilesRemovesOnlyLeftoversAtTheTopLevel) {
   dir.Touch("b.kmt");
   dir.Touch("c.kMb");
   dir.Touch("d.KMT");
-  dir.Touch("keep.txt");
+  // Only the exact extension counts (a Windows search pattern also matches 8.3 short names,
+  // and the short name of "x.KMBX" ends in ".KMB").
+  const char* kNotDataFiles[] = {"keep.txt", "x.KMBX", "x.kmtx", "x.KM"};
+  for (const char* name : kNotDataFiles) {
+    dir.Touch(name);
+    dir.Keep(name);
+  }
   dir.Touch("sub/e.KMB");
   std::filesystem::create_directory(dir.path() / "f.KMB");
-  dir.Keep("keep.txt");
   dir.Keep("e.KMB");
   auto live = FileArrayWithOneElement();
   const auto before = Names(dir.path());
@@ -105,7 +110,7 @@ TEST(DataDirectory, CleanTmpFilesRemovesOnlyLeftoversAtTheTopLevel) {
   EXPECT_EQ(
       after.count("a.KMB") + after.count("b.kmt") + after.count("c.kMb") + after.count("d.KMT"),
       0u);
-  EXPECT_EQ(after.count("keep.txt"), 1u);
+  for (const char* name : kNotDataFiles) EXPECT_EQ(after.count(name), 1u) << name;
   EXPECT_EQ(after.count("sub/e.KMB"), 1u);
   EXPECT_EQ(after.count("f.KMB"), 1u);
   EXPECT_EQ(before.size() - after.size(), 4u) << "the live array's file stays";

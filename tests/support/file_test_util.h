@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "src/auto/array_imp.h"
+#include "src/file/array_imp.h"
 #include "zu_data_manager/iterators.h"
 
 namespace zu_test {
