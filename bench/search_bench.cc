@@ -193,7 +193,7 @@ uint64_t TreeLowerBound(const World& w, int64_t k) {
   const uint64_t start = PageStart(chunk, entry);
   const uint64_t len = std::min(kInterval, w.SegmentSize(s) - start);
   const int64_t* page = w.raw + s * kSegment + start;
-  return s * kSegment + start + zu::PageLowerIndex(page, len, k);
+  return s * kSegment + start + zu::PageLower(page, len, k);
 }
 
 // The upper bound the way the segments answer it for a full chunk: the page samples stand for
@@ -208,7 +208,7 @@ uint64_t TreeUpperBound(const World& w, int64_t k) {
   const int64_t* view = w.raw + s * kSegment + chunk * kChunk;
   const uint64_t first = entry == 1 ? 0 : (entry - 1) * kInterval + 1;
   const uint64_t count = entry == 1 ? kInterval : kInterval - 1;
-  return s * kSegment + chunk * kChunk + first + zu::PageUpperIndex(view + first, count, k);
+  return s * kSegment + chunk * kChunk + first + zu::PageUpper(view + first, count, k);
 }
 
 uint64_t AnswerPage(int64_t k) {  // first element of the page that holds LowerBound(k)
@@ -305,7 +305,7 @@ void PagePrefetched(benchmark::State& state) {
   World& w = WorldOf(state.range(0));
   Measure(state, 2 * w.n, [&](int64_t k) {
     const uint64_t start = AnswerPage(k);
-    return start + zu::PageLowerIndex(w.raw + start, std::min(kInterval, w.n - start), k);
+    return start + zu::PageLower(w.raw + start, std::min(kInterval, w.n - start), k);
   });
 }
 void VectorGetAt(benchmark::State& state) {

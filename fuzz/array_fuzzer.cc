@@ -9,8 +9,7 @@
 // The elements always stand in ascending order (searches assume it). Where file storage
 // deliberately answers differently the comparison is narrowed rather than skipped:
 // - FindFloor, LocateLowerBound and FindNearest are sample-granular on file storage; there they
-//   are called (they must not crash) and only their exact answers on in-memory kinds are
-//   compared.
+//   are compared with the sample-granular answers worked out from the model.
 // - SetAt on file storage writes only the chunk that holds the end, so SetAt is issued there
 //   only for indexes in that chunk.
 // - A self-spilling array clears itself on a failed add (the reversed range below).
@@ -308,7 +307,8 @@ class Runner {
                "UpperBound");
     FUZZ_CHECK(array_->Find(&probe) == (present ? lower : n), "Find");
     T nearest = probe;
-    const uint64_t near = array_->FindNearest(&nearest, in_.ConsumeIntegralInRange<uint64_t>(0, 3));
+    const uint64_t tolerance = in_.ConsumeIntegralInRange<uint64_t>(0, 3);
+    const uint64_t near = array_->FindNearest(&nearest, tolerance);
     const uint64_t floor = array_->FindFloor(&probe);
     const uint64_t locate = array_->LocateLowerBound(&probe);
     if (n == 0) {
@@ -317,7 +317,106 @@ class Runner {
       FUZZ_CHECK(locate == lower, "LocateLowerBound");
       FUZZ_CHECK(floor == (lower >= n ? n - 1 : present ? lower : lower - 1), "FindFloor");
       FUZZ_CHECK(near == lower && nearest == (lower < n ? model_[lower] : probe), "FindNearest");
+    } else {
+      FUZZ_CHECK(locate == SampledLowerBound(probe), "sampled LocateLowerBound");
+      FUZZ_CHECK(floor == SampledFloor(probe), "sampled FindFloor");
+      T want = probe;
+      FUZZ_CHECK(near == SampledNearest(&want, tolerance) && nearest == want,
+                 "sampled FindNearest");
     }
+  }
+
+  // The sample-granular answers of file storage, from the model: one sample per page (the
+  // interval), chunks of 1 MiB, segments of 128 MiB, each search in the segment whose head is
+  // the last below the value.
+  struct Grid {
+    uint64_t segment, chunk, interval;
+  };
+  static Grid FileGrid() {
+    uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    if (page == 0 || page > kChunkBytes || kChunkBytes % page != 0) page = kChunkBytes;
+    uint64_t interval = std::max<uint64_t>(1, page / sizeof(T));
+    while ((interval & (interval - 1)) != 0) interval &= interval - 1;
+    return {0x8000000 / sizeof(T), kChunkBytes / sizeof(T), interval};
+  }
+  // The segment searched and how many of its samples are below value; false when the first
+  // element is not below it.
+  bool SampledBelow(const T& value, uint64_t* segment, uint64_t* below) const {
+    const Grid g = FileGrid();
+    if (model_.empty() || !(model_[0] < value)) return false;
+    *segment = 0;
+    for (uint64_t h = 0; h < model_.size(); h += g.segment) {
+      if (model_[h] < value) *segment = h / g.segment;
+    }
+    const uint64_t end = std::min<uint64_t>(model_.size(), (*segment + 1) * g.segment);
+    *below = 0;
+    for (uint64_t i = *segment * g.segment; i < end; i += g.interval) *below += model_[i] < value;
+    return true;
+  }
+  uint64_t SampledLowerBound(const T& value) const {
+    uint64_t segment = 0, below = 0;
+    if (!SampledBelow(value, &segment, &below)) return 0;
+    return segment * FileGrid().segment + below * FileGrid().interval;
+  }
+  // The last sampled position of segment s, counted from the segment's start.
+  uint64_t LastSample(uint64_t s) const {
+    const Grid g = FileGrid();
+    const uint64_t size = std::min<uint64_t>(g.segment, model_.size() - s * g.segment);
+    return (size - 1) / g.interval * g.interval;
+  }
+  uint64_t SampledFloor(const T& value) const {
+    const Grid g = FileGrid();
+    const uint64_t n = model_.size();
+    const uint64_t i = SampledLowerBound(value);
+    if (i > n) return LastSample((n - 1) / g.segment);
+    T at;
+    std::memset(static_cast<void*>(&at), 0xFF, sizeof(T));  // the storage's all-ones element
+    if (i < n) at = model_[i];
+    if (at == value) return i;
+    if (i == 0) return n;
+    if (i % g.segment == 0) return LastSample(i / g.segment - 1);
+    return i - g.interval;
+  }
+  static uint64_t Distance(const T& high, const T& low) {
+    if constexpr (std::is_integral<T>::value) {
+      using U = std::make_unsigned_t<T>;
+      return static_cast<U>(static_cast<U>(high) - static_cast<U>(low));
+    } else {
+      return ~uint64_t{0};  // records: never within a tolerance
+    }
+  }
+  uint64_t SampledNearest(T* inout, uint64_t tolerance) const {
+    const Grid g = FileGrid();
+    const T value = *inout;
+    uint64_t segment = 0, below = 0;
+    if (!SampledBelow(value, &segment, &below)) return 0;
+    const uint64_t end = std::min<uint64_t>(model_.size(), (segment + 1) * g.segment);
+    const uint64_t per_chunk = g.chunk / g.interval;
+    const uint64_t k = (below - 1) / per_chunk;
+    const uint64_t i = below - k * per_chunk;  // first sample of chunk k not below value
+    const uint64_t base = segment * g.segment + k * g.chunk;
+    const uint64_t count = (std::min(end, base + g.chunk) - base + g.interval - 1) / g.interval;
+    auto take = [&](uint64_t at) {
+      *inout = model_[at];
+      return at;
+    };
+    uint64_t page = count - 1;
+    if (i < count) {
+      if (Distance(value, model_[base + (i - 1) * g.interval]) < tolerance) {
+        return take(base + (i - 1) * g.interval);
+      }
+      if (Distance(model_[base + i * g.interval], value) < tolerance) {
+        return take(base + i * g.interval);
+      }
+      page = i - 1;
+    } else if (Distance(value, model_[base + page * g.interval]) < tolerance) {
+      return take(base + page * g.interval);
+    } else if (base + g.chunk < end && Distance(model_[base + g.chunk], value) < tolerance) {
+      return take(base + g.chunk);
+    }
+    const uint64_t from = base + page * g.interval;
+    const uint64_t to = std::min(end, from + g.interval);
+    return std::lower_bound(model_.begin() + from, model_.begin() + to, value) - model_.begin();
   }
 
   // The documented search of the interleaved view: a backward search whose probe position

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -163,6 +164,38 @@ TEST(CZUFileArrayImp, SetElementWritesFileOnlyInTheLastChunkButSamplesAlways) {
   EXPECT_EQ(ReadAll<int64_t>(segment).back(), -7);
   segment.SetElement(values.size() + 3, -8);  // beyond the end: nothing to change
   EXPECT_EQ(segment.GetSize(), static_cast<int64_t>(values.size()));
+}
+
+// UpperBound answers as a bisection of the whole chunk of file data always did: through the
+// page samples while they ascend and hold what the file holds, and from the chunk itself once
+// a set outside the last chunk has given a sample a value its element does not have.
+TEST(CZUFileArrayImp, UpperBoundAnswersAsABisectionOfTheChunkInTheFile) {
+  TempDataDir dir;
+  using Segment = CZUFileArrayImp<int64_t>;
+  const uint64_t chunk = Segment::kChunkLength;
+  std::vector<int64_t> values(2 * chunk + 1000);
+  for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<int64_t>(i / 3);
+  Segment segment;
+  AppendBulk(segment, values);
+  auto expect_chunk_bisection = [&segment, chunk](const char* when) {
+    const std::vector<int64_t> file = ReadAll<int64_t>(segment);
+    for (int64_t v = -1; v <= file.back() + 1; v += 7) {
+      uint64_t k = 0;  // the last chunk whose boundary sample is not above v
+      while ((k + 1) * chunk < file.size() && !(v < *segment.GetReadPtr((k + 1) * chunk))) ++k;
+      const auto first = file.begin() + static_cast<int64_t>(k * chunk);
+      const auto end =
+          file.begin() + static_cast<int64_t>(std::min<uint64_t>(file.size(), (k + 1) * chunk));
+      const uint64_t want =
+          v < *segment.GetReadPtr(0) ? 0 : std::upper_bound(first, end, v) - file.begin();
+      ASSERT_EQ(segment.SegmentUpperBound(v), want) << when << ", value " << v;
+    }
+  };
+  expect_chunk_bisection("samples as the file");
+  // The sample in the middle of chunk 0, the bisection's first probe there, now stands above
+  // the elements of its page while the file keeps them.
+  const uint64_t middle = chunk / 2;
+  segment.SetElement(middle, values[middle + segment.sample_interval() - 1]);
+  expect_chunk_bisection("a sample above its element");
 }
 
 TEST(CZUFileArrayImp, ClearKeepsTheFileAndRefillsFromTheStart) {
