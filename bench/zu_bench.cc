@@ -16,8 +16,7 @@
 //   --only NAME,... run only these scenarios: append, bulk, read, getat, lbwarm, first,
 //                 autowarm, lbcold, spill, rss (the read scenarios fill their containers with
 //                 bulk, which then runs too; first needs the warm LowerBound, which then runs)
-//   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file) and of
-//                 the spilled searches (auto, autovector)
+//   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory); the
 // data directory is created fresh and removed, with every file in it, at the end.
 #include <fcntl.h>
@@ -1040,12 +1039,11 @@ void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns) {
 
 // Warm searches on the self-spilling arrays once they live in files, next to the standard
 // algorithms over std::vector and std::deque holding the same data.
-void AutoSearchWarm(const std::vector<int64_t>& src, const std::vector<std::string>& kinds) {
+void AutoSearchWarm(const std::vector<int64_t>& src) {
   const uint64_t n = src.size();
   if (n <= zu::kSpillThreshold) return;
   std::deque<int64_t> deque(src.begin(), src.end());
-  for (const std::string& kind : kinds) {
-    if (kind != "auto" && kind != "autovector") continue;
+  for (const std::string kind : {"auto", "autovector"}) {
     std::unique_ptr<IZUArray> a(NewArray(kind));
     if (a->AppendBuffer(src.data(), n) != kZuOk) continue;
     MapForReading(a.get(), n);
@@ -1433,7 +1431,7 @@ int main(int argc, char** argv) {
       std::fprintf(stderr,
                    "usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] "
                    "[--only append,bulk,read,getat,lbwarm,first,autowarm,lbcold,spill,rss] "
-                   "[--kinds vector,deque,auto,file,autovector]\n");
+                   "[--kinds vector,deque,auto,file]\n");
       return 2;
     }
   }
@@ -1482,7 +1480,7 @@ int main(int argc, char** argv) {
       if (std::isnan(steady)) steady = SearchWarm(filled);
       SearchFirstPass(src, steady);
     }
-    if (wanted("autowarm")) AutoSearchWarm(src, kinds);
+    if (wanted("autowarm")) AutoSearchWarm(src);
     if (wanted("lbcold")) LowerBoundCold(filled);
   }
   if (wanted("spill")) Spill(3);

@@ -17,6 +17,8 @@ namespace segment_internal {
 inline constexpr char kWriteConflictMessage[] = "write conflict";
 // A copy out of the file at least this long asks the system for its whole range up front.
 inline constexpr uint64_t kAdviseBytes = 0x10000;
+// A file write at least this long is mapped into a wide read view at once.
+inline constexpr uint64_t kPopulateBytes = 0x200000;
 
 // Runs step; with `guarded`, an exception from it is reported as a write conflict and answered
 // with false instead of passing on.
@@ -256,9 +258,12 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
       TearDown(Teardown::kDie);
       throw ZuArrayNoSpaceException();
     }
-    // The data are in the page cache now; mapping them for reading at once costs little
-    // (large pieces take one entry each) and spares the first searches a fault each.
-    file_.Populate(start * sizeof(T), bulk * sizeof(T));
+    // A large write leaves the page cache holding large pieces, which a wide read view maps
+    // with one entry each: mapping them for reading now costs little and spares the first
+    // searches a fault each. Small pieces would cost a mapping call per write for a few pages.
+    if (bulk * sizeof(T) >= segment_internal::kPopulateBytes) {
+      file_.Populate(start * sizeof(T), bulk * sizeof(T));
+    }
     first->Seek(first->GetPosition() + static_cast<unsigned int>(bulk));
     contiguous->data = bytes + bulk * sizeof(T);
     contiguous->count -= bulk;
