@@ -19,7 +19,10 @@ uint64_t CZUFileArrayImp<T, Layout>::ScanPage(const typename Samples::Page& page
   const uint64_t start = page.chunk * kChunkLength + page.start;
   if (start >= size_) return size_;
   const uint64_t len = std::min(samples_.interval(), size_ - start);
-  return start + PageLower(view + page.start, len, value);
+  // A segment of one chunk is small enough to stay in the CPU caches, where a branch-free
+  // bisection is the quicker; a page of a larger one is likely not in them.
+  return start + (size_ <= kChunkLength ? BranchlessLower(view + page.start, len, value)
+                                        : PageLower(view + page.start, len, value));
 }
 
 template <typename T, typename Layout>
@@ -45,8 +48,10 @@ uint64_t CZUFileArrayImp<T, Layout>::SegmentUpperBound(const T& value) {
     const uint64_t base = chunk * kChunkLength;
     if (base >= size_) return size_;
     const uint64_t len = std::min(kChunkLength, size_ - base);
+    // A partly filled chunk (the segment's last, the whole of a small array, likely in the CPU
+    // caches), samples out of order, or samples that no longer match: the whole chunk.
     if (len < kChunkLength || not_above == Samples::kUnknown || !samples_match_file_) {
-      return base + PageUpper(view, len, value);
+      return base + BranchlessUpper(view, len, value);
     }
     // A bisection over a whole chunk (a power-of-two number of pages) probes page starts
     // first, one per level until a page is left; the samples hold those elements and, as they
