@@ -15,7 +15,19 @@ const char kChildVariable[] = "ZU_TEST_CHILD";
 
 }  // namespace
 
-ChildProcess::ChildProcess(ChildOptions options) {
+ChildProcess::ChildProcess(const std::function<void()>& setup,
+                           const std::function<void(ChildPipes)>& body) {
+  Start(setup, body, "", "");
+}
+
+ChildProcess::ChildProcess(const std::string& role, const std::string& argument,
+                           const std::function<void()>& setup) {
+  Start(setup, nullptr, role, argument);
+}
+
+void ChildProcess::Start(const std::function<void()>& setup,
+                         const std::function<void(ChildPipes)>& body, const std::string& role,
+                         const std::string& argument) {
   int out[2], stop[2];
   if (pipe(out) != 0 || pipe(stop) != 0) std::abort();
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
@@ -26,13 +38,13 @@ ChildProcess::ChildProcess(ChildOptions options) {
   if (pid_ == 0) {
     close(out[0]);
     close(stop[1]);
-    if (options.setup) options.setup();
-    if (options.role.empty()) {
-      options.body({out[1], stop[0]});
+    if (setup) setup();
+    if (role.empty()) {
+      body({out[1], stop[0]});
       _exit(0);
     }
-    const std::string setting = options.role + " " + std::to_string(out[1]) + " " +
-                                std::to_string(stop[0]) + " " + options.argument;
+    const std::string setting =
+        role + " " + std::to_string(out[1]) + " " + std::to_string(stop[0]) + " " + argument;
     setenv(kChildVariable, setting.c_str(), 1);
     execl(self.c_str(), self.c_str(), static_cast<char*>(nullptr));
     _exit(127);

@@ -23,20 +23,15 @@ struct ChildPipes {
   int stop = -1;  // reads end-of-file once the test called Stop()
 };
 
-struct ChildOptions {
-  // Runs in the child right after the fork, before body or role (limits, mount namespaces).
-  // It may _exit with a code of its own, e.g. to report that a namespace was refused.
-  std::function<void()> setup;
-  // The forked child's work (without a role). The child exits 0 after it.
-  std::function<void(ChildPipes)> body;
-  // Starts a fresh copy of this program as this role instead, handing it `argument`.
-  std::string role;
-  std::string argument;
-};
-
 class ChildProcess {
  public:
-  explicit ChildProcess(ChildOptions options);
+  // A forked child: runs `setup` (limits, mount namespaces; it may _exit with a code of its own,
+  // e.g. to report that a namespace was refused), then `body`, then exits 0.
+  ChildProcess(const std::function<void()>& setup, const std::function<void(ChildPipes)>& body);
+  // A fresh copy of this program started as child `role` with `argument` (see RunIfChild);
+  // `setup` runs in the child before the copy starts.
+  ChildProcess(const std::string& role, const std::string& argument,
+               const std::function<void()>& setup = nullptr);
   ~ChildProcess() { Finish(); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -48,6 +43,7 @@ class ChildProcess {
     return Receive(value, sizeof(T));
   }
   bool Receive(void* data, size_t size);
+  // The child's stop descriptor reads end-of-file from now on.
   void Stop();
   // Waits for the child: its exit code, or 128 + the number of the signal that ended it.
   int Finish();
@@ -57,6 +53,9 @@ class ChildProcess {
   int out_ = -1;    // read end of the child's out pipe
   int stop_ = -1;   // write end of the child's stop pipe
   int code_ = -1;   // what Finish answers once the child is gone
+
+  void Start(const std::function<void()>& setup, const std::function<void(ChildPipes)>& body,
+             const std::string& role, const std::string& argument);
 };
 
 // Child side: sends `value` whole.
