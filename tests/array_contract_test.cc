@@ -1,10 +1,8 @@
 // The contract every owning array kind shares, over each kind and element type: the model of
-// support/array_model.h driven by seeded random operations, and the ranges a host's iterator
-// cannot fully deliver. Adding a kind or an element type is one line in ContractKinds.
+// support/array_model.h driven by seeded random operations. Adding a kind or an element type is
+// one line in ContractKinds.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <memory>
 #include <optional>
 
 #include "tests/support/array_model.h"
@@ -63,47 +61,6 @@ TYPED_TEST(ArrayContract, BehavesLikeTheModel) {
                                                                TypeParam::kStorage);
     EXPECT_EQ(model.Run(), "") << "seed " << seed;
   }
-}
-
-// A host iterator that claims more elements than it yields: GetCurrent turns null at `real`
-// while positions run on to `count`.
-class DryIter : public SimpleDataIter<unsigned char> {
- public:
-  DryIter(unsigned char* data, unsigned int real, unsigned int count, unsigned int stride)
-      : SimpleDataIter(data, count, stride), real_(real) {}
-  void* GetCurrent() override {
-    return GetPosition() < real_ ? SimpleDataIter::GetCurrent() : nullptr;
-  }
-  void* GetAt(unsigned int i) override { return i < real_ ? SimpleDataIter::GetAt(i) : nullptr; }
-  std::shared_ptr<ArrayIterBase> Clone() override { return std::make_shared<DryIter>(*this); }
-
- private:
-  unsigned int real_;
-};
-
-// The library reads only what the source hands out: a source that runs dry, and a `last` taken
-// from a longer buffer, end the range where the source's own elements end.
-TYPED_TEST(ArrayContract, RangesEndWhereTheSourceRunsOut) {
-  using T = typename TypeParam::Element;
-  std::unique_ptr<IZUArray> array(TypeParam::Make());
-  std::vector<T> values(4), longer(10);
-  for (uint64_t i = 0; i < values.size(); ++i) values[i] = Keys<T>::Make(i);
-  auto* bytes = reinterpret_cast<unsigned char*>(values.data());
-  DryIter dry(bytes, 2, 4, sizeof(T));
-  DryIter end(bytes, 2, 4, sizeof(T));
-  end.Seek(4);
-  EXPECT_EQ(array->AppendRange(&dry, &end), kZuOk);
-  SimpleDataIter<unsigned char> first(bytes, 3, sizeof(T));
-  SimpleDataIter<unsigned char> last(reinterpret_cast<unsigned char*>(longer.data()), 10,
-                                     sizeof(T));
-  last.Seek(10);
-  EXPECT_EQ(array->AppendRange(&first, &last), kZuOk);
-  EXPECT_EQ(first.GetPosition(), 3u);
-  ASSERT_EQ(array->GetSize(), 5u);
-  std::vector<T> back(5);
-  array->CopyOut(back.data(), 0, 5);
-  EXPECT_TRUE(std::equal(back.begin(), back.begin() + 2, values.begin()));
-  EXPECT_TRUE(std::equal(back.begin() + 2, back.end(), values.begin()));
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
-// The self-spilling arrays: where they move into files, what the move keeps, how adds fail
-// in both phases, and the record order through an array.
+// The self-spilling arrays: where they move into files, what the move keeps and what changes
+// with it, and the record order through an array. (How their adds fail in both phases: the
+// fault sweep.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <memory>
-#include <numeric>
 #include <vector>
 
 #include "src/platform/platform.h"
 #include "tests/support/array_model.h"
-#include "tests/support/fault_platform.h"
 #include "tests/support/temp_dir.h"
 
 namespace zu_test {
@@ -117,41 +116,6 @@ TEST(CZUAutoDequeArray, ARangeReachingTheThresholdMovesForGood) {
   ASSERT_TRUE(desc && desc->GetList("files", &files) && files->GetDictionary(0, &file));
   EXPECT_TRUE(file->GetInteger("size", &size));
   EXPECT_EQ(size, 1) << "after Clear the next element goes to a file";
-}
-
-TEST(CZUAutoDequeArray, FailedAddsEmptyTheArrayInEitherPhase) {
-  TempDataDir dir;
-  std::vector<uint8_t> values(kSpillThreshold + 1);
-  for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<uint8_t>(i >> 15);
-  for (bool vector_flavour : {false, true}) {
-    auto array = MakeAuto<uint8_t>(vector_flavour);
-    ASSERT_EQ(array->AppendBuffer(values.data(), kSpillThreshold - 1), kZuOk);
-    ASSERT_EQ(array->Append(&values[kSpillThreshold - 1]), kZuOk);  // full, still in memory
-    {
-      FaultPlatform faults;
-      faults.Fail(FaultOp::kCreateMapping, 3);  // the move's third growth step finds no room
-      EXPECT_EQ(array->Append(&values.back()), kZuNoSpace);
-    }
-    EXPECT_EQ(array->GetSize(), 0u);
-    EXPECT_FALSE(InFiles(*array));
-    EXPECT_EQ(dir.CountFiles(), 0) << "the half-filled files are released";
-    // Usable again in memory: appends land in the new storage.
-    ASSERT_EQ(array->AppendBuffer(values.data(), 20000), kZuOk);
-    for (size_t i = 20000; i < 30000; ++i) ASSERT_EQ(array->Append(&values[i]), kZuOk);
-    ExpectContent(*array, std::vector<uint8_t>(values.begin(), values.begin() + 30000));
-    EXPECT_FALSE(InFiles(*array));
-  }
-  // In files, single appends fill the current chunk, then need a growth that is refused.
-  auto array = MakeAuto<uint8_t>(false);
-  ASSERT_EQ(array->AppendBuffer(values.data(), values.size()), kZuOk);
-  ASSERT_TRUE(InFiles(*array));
-  FaultPlatform faults;
-  faults.Fail(FaultOp::kCreateMapping, 1, /*forever=*/true);
-  int result = kZuOk;
-  for (int i = 0; i < (1 << 20) + 1 && result == kZuOk; ++i) result = array->Append(&values[0]);
-  EXPECT_EQ(result, kZuNoSpace);
-  EXPECT_EQ(array->GetSize(), 0u);
-  EXPECT_TRUE(InFiles(*array)) << "a failed add empties the array but never moves it back";
 }
 
 TEST(CZUAutoDequeArray, RecordsThatDifferOnlyInByteZeroAreLevelButNotEqual) {

@@ -1,5 +1,5 @@
-// The data directory: where files are made and how they are named, what happens without one,
-// a name that is not ASCII, and the clean-up of leftover files.
+// The data directory: where files are made and how they are named (also under a name that is
+// not ASCII), what happens without one, and the clean-up of leftover files.
 #include <gtest/gtest.h>
 
 #include <cwctype>
@@ -40,25 +40,6 @@ bool IsGuidName(const std::string& name) {
     if (dash ? name[i] != '-' : !std::isxdigit(name[i]) || std::islower(name[i])) return false;
   }
   return name[15] == '4' && std::string("89AB").find(name[20]) != std::string::npos;
-}
-
-TEST(DataDirectory, FilesAreMadeInItAndItsParentsUnderGuidNames) {
-  EXPECT_TRUE(IZUArray::GetDataDirectory().empty()) << "empty by default";
-  TempDataDir dir;
-  const auto nested = dir.path() / "a" / "b";
-  IZUArray::SetDataDirectory(nested.wstring());
-  EXPECT_EQ(IZUArray::GetDataDirectory(), nested.wstring());
-  std::set<std::string> names;
-  {
-    std::vector<std::unique_ptr<IZUArray>> arrays;
-    for (int i = 0; i < 20; ++i) arrays.push_back(FileArrayWithOneElement());
-    for (const auto& entry : std::filesystem::directory_iterator(nested)) {
-      EXPECT_TRUE(IsGuidName(entry.path().filename().string())) << entry.path();
-      names.insert(entry.path().filename().string());
-    }
-  }
-  EXPECT_EQ(names.size(), 20u) << "one distinct file per array";
-  EXPECT_TRUE(std::filesystem::is_empty(nested));
 }
 
 TEST(DataDirectory, WithoutADirectoryNothingIsCreated) {
@@ -103,22 +84,30 @@ TEST(DataDirectory, CleanTmpFilesRemovesOnlyLeftoversAtTheTopLevel) {
   IZUArray::CleanTmpFiles();  // a missing directory is no error
 }
 
-// Paths are wide strings in the interface: on Windows they reach the file system as they are,
-// on POSIX as UTF-8. The directory a host names holds the files, descriptions carry the name
-// through JSON, and the clean-up finds leftovers there.
-TEST(DataDirectory, ANameThatIsNotAscii) {
+// The directory a host names holds the files, made with its parents, also when its name is not
+// ASCII: paths are wide strings in the interface, on Windows they reach the file system as they
+// are, on POSIX as UTF-8. Descriptions carry the name through JSON, and the clean-up finds
+// leftovers there.
+TEST(DataDirectory, FilesAreMadeThereWithItsParentsUnderGuidNames) {
+  EXPECT_TRUE(IZUArray::GetDataDirectory().empty()) << "empty by default";
   TempDataDir dir;
-  const std::wstring wide = dir.wide() + L"/d\u00e9j\u00e0-\u6570\u636e";
+  const std::wstring wide = dir.wide() + L"/d\u00e9j\u00e0-\u6570\u636e/b";
   const std::filesystem::path on_disk =
-      dir.path() / std::filesystem::u8path("d\xc3\xa9j\xc3\xa0-\xe6\x95\xb0\xe6\x8d\xae");
+      dir.path() / std::filesystem::u8path("d\xc3\xa9j\xc3\xa0-\xe6\x95\xb0\xe6\x8d\xae") / "b";
   IZUArray::SetDataDirectory(wide);
+  EXPECT_EQ(IZUArray::GetDataDirectory(), wide);
+  std::vector<std::unique_ptr<IZUArray>> arrays;
+  for (int i = 0; i < 20; ++i) arrays.push_back(FileArrayWithOneElement());
+  const std::set<std::string> names = Names(on_disk);
+  EXPECT_EQ(names.size(), 20u) << "one distinct file per array";
+  for (const std::string& name : names) EXPECT_TRUE(IsGuidName(name)) << name;
+
   std::vector<uint32_t> values(0x40000 + 1000);  // crosses a chunk
   for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<uint32_t>(i * 7 + 3);
-  std::unique_ptr<IZUArray> array(CArrayFactory().AllocFileArray(4));
-  ASSERT_EQ(array->AppendBuffer(values.data(), values.size()), kZuOk);
-  ASSERT_EQ(Names(on_disk).size(), 1u);
+  ASSERT_EQ(arrays[0]->AppendBuffer(values.data(), values.size()), kZuOk);
+  values.insert(values.begin(), 1);
   base::DictionaryValue* saved = nullptr;
-  ASSERT_TRUE(array->SaveDescription(&saved));
+  ASSERT_TRUE(arrays[0]->SaveDescription(&saved));
   std::unique_ptr<base::DictionaryValue> owned(saved);
   std::unique_ptr<base::DictionaryValue> parsed = base::ReadJsonDictionary(base::WriteJson(*owned));
   std::unique_ptr<IZUArray> copy(CArrayFactory().AllocFileArray(4));
@@ -130,9 +119,9 @@ TEST(DataDirectory, ANameThatIsNotAscii) {
   std::ofstream(stray) << "old";
   IZUArray::CleanTmpFiles();
   EXPECT_FALSE(std::filesystem::exists(stray));
-  EXPECT_EQ(Names(on_disk).size(), 1u) << "the live file stays";
+  EXPECT_EQ(Names(on_disk), names) << "the live files stay";
   copy.reset();
-  array.reset();
+  arrays.clear();
   EXPECT_TRUE(std::filesystem::is_empty(on_disk));
 }
 

@@ -120,11 +120,13 @@ class Workload {
         return;
       }
       failed = true;
-      const uint64_t segment = (uint64_t{1} << 27);
       // Cleared itself, refused the move before adding, or (in files) a segment whose view
       // cannot be mapped was reset quietly, as in a file array.
+      base::DictionaryValue* files = nullptr;
+      spill->SaveDescription(&files);
+      const bool in_files = std::unique_ptr<base::DictionaryValue>(files) != nullptr;
       const bool quiet =
-          code == kZuOk && before >= kSpillThreshold && size % segment == 0 && size < before;
+          code == kZuOk && in_files && size % (uint64_t{1} << 27) == 0 && size < before + n;
       r_.quiet_resets += quiet;
       if (!(code != kZuOk && (size == 0 || size == before)) && !quiet) {
         Problem(r_.broken, "auto array: code " + std::to_string(code) + ", size " +
@@ -137,6 +139,7 @@ class Workload {
       add(at, std::min<size_t>(1 << 20, head - at));
     for (size_t at = head; at < head + 10 && !failed; ++at) add(at, 1);
     if (!failed) add(head + 10, values.size() - head - 10);
+    if (failed) add(0, 30000);  // usable again, in memory or in files
     Compare(*spill, model, "auto array");
     spill.reset();  // gives its room back: the file array grows again
 

@@ -1,11 +1,9 @@
-// The file array's own rules beyond the contract model: the coarse searches against their
-// sample-based definition, the tolerance of FindNearest, SetAt outside the last chunk, the
-// write-conflict guard, its files' life cycle, segment borders, and failing OS calls.
+// The file array's own rules beyond the contract model: the tolerance of FindNearest, SetAt
+// outside the last chunk, the write-conflict guard, its files' life cycle, and segment borders.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -40,66 +38,6 @@ std::vector<T> ReadAll(IZUArray& array) {
   std::vector<T> out(array.GetSize());
   if (!out.empty()) array.CopyOut(out.data(), 0, static_cast<unsigned int>(out.size()));
   return out;
-}
-
-template <typename T>
-class CZUFileArraySearch : public ::testing::Test {};
-using IntegerTypes = ::testing::Types<uint8_t, uint16_t, uint32_t, int64_t>;
-TYPED_TEST_SUITE(CZUFileArraySearch, IntegerTypes);
-
-// Ascending values with runs of equal elements (signed ones from below zero), the first half
-// appended one by one: single appends must record every sample a range append records.
-TYPED_TEST(CZUFileArraySearch, CoarseAnswersFollowThePageSamples) {
-  using T = TypeParam;
-  TempDataDir dir;
-  const uint64_t n = 2 * kChunk<T> + kChunk<T> / 2 + 3, interval = Interval<T>();
-  const double span =
-      std::numeric_limits<T>::max() < 0xFFFFFF ? std::numeric_limits<T>::max() - 2 : 3.0 * n;
-  const double low = std::is_signed<T>::value ? -static_cast<double>(n) : 1.0;
-  std::vector<T> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<T>(low + span * static_cast<double>(i) / n);
-  auto array = MakeFileArray<T>();
-  for (size_t i = 0; i < n / 2; ++i) ASSERT_EQ(array->Append(&v[i]), kZuOk);
-  ASSERT_EQ(array->AppendBuffer(v.data() + n / 2, n - n / 2), kZuOk);
-
-  std::vector<T> probes = {std::numeric_limits<T>::min(), static_cast<T>(v.back() + 1)};
-  for (uint64_t k = 0; k <= 400; ++k) {
-    const T x = v[std::min<uint64_t>(n - 1, k * n / 400)];
-    probes.insert(probes.end(), {x, static_cast<T>(x + 1), static_cast<T>(x - 1)});
-  }
-  for (T x : probes) {
-    SCOPED_TRACE(::testing::Message() << "value " << static_cast<int64_t>(x));
-    const uint64_t lb = std::lower_bound(v.begin(), v.end(), x) - v.begin();
-    // The first sampled position whose element is not below x; the floor is the sample before
-    // it, or that position when it holds x.
-    uint64_t located = (n + interval - 1) / interval * interval;
-    for (uint64_t j = 0; j < n; j += interval) {
-      if (!(v[j] < x)) {
-        located = j;
-        break;
-      }
-    }
-    uint64_t floor = located == 0 ? n : located - interval;
-    if (located > n) floor = (n - 1) / interval * interval;
-    if (located < n && v[located] == x) floor = located;
-    EXPECT_EQ(array->LocateLowerBound(&x), located);
-    EXPECT_EQ(array->FindFloor(&x), floor);
-    // A tolerance of 0 never accepts a sample: the exact lower bound, value untouched.
-    T nearest = x;
-    EXPECT_EQ(array->FindNearest(&nearest, 0), lb);
-    EXPECT_EQ(nearest, x);
-    // A wide tolerance answers with a neighbouring sample and hands its value out.
-    const uint64_t r = array->FindNearest(&nearest, uint64_t{1} << 62);
-    if (!(v[0] < x)) {
-      EXPECT_EQ(r, 0u);
-      EXPECT_EQ(nearest, x);
-    } else {
-      EXPECT_EQ(r % interval, 0u);
-      ASSERT_LT(r, n);
-      EXPECT_EQ(nearest, v[r]);
-      EXPECT_LE(r > lb ? r - lb : lb - r, interval);
-    }
-  }
 }
 
 TEST(CZUFileArray, ToleranceIsStrictAndSetAtWritesTheFileOnlyInTheLastChunk) {
@@ -242,44 +180,6 @@ TEST(CZUFileArray, SegmentsOfOneArray) {
   array->Clear();  // a dead segment: the whole storage is replaced
   EXPECT_EQ(dir.CountFiles(), 0);
   EXPECT_EQ(array->AppendBuffer(more.data(), 1000), kZuOk);
-}
-
-// Every failable OS call, failing for good while an array grows and is read through one-chunk
-// views: the add answers 0 or 2, the array either holds everything or nothing, and once it
-// holds nothing it makes no more OS calls.
-TEST(CZUFileArray, AFailingCallEmptiesTheArrayAndEndsItsCalls) {
-  std::vector<uint16_t> values(3 * kChunk<uint16_t>);
-  for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<uint16_t>(i / 8);
-  for (int op = 0; op < static_cast<int>(FaultOp::kCount); ++op) {
-    SCOPED_TRACE(op);
-    TempDataDir dir;
-    FaultPlatform faults;
-    faults.UseChunkReadViews(true);
-    auto array = MakeFileArray<uint16_t>();
-    const size_t half = values.size() / 2;
-    ASSERT_EQ(array->AppendBuffer(values.data(), half), kZuOk);
-    faults.Fail(static_cast<FaultOp>(op), 1, /*forever=*/true);
-    const int code = array->AppendBuffer(values.data() + half, values.size() - half);
-    uint16_t out = 0;
-    array->GetAt(3, &out);
-    EXPECT_TRUE(code == kZuOk || code == kZuNoSpace) << code;
-    if (array->GetSize() == values.size()) {
-      EXPECT_EQ(code, kZuOk);
-      EXPECT_EQ(ReadAll<uint16_t>(*array), values);
-      continue;
-    }
-    EXPECT_EQ(array->GetSize(), 0u);
-    int calls = 0;
-    for (int o = 0; o < static_cast<int>(FaultOp::kCount); ++o)
-      calls += faults.Calls(static_cast<FaultOp>(o));
-    EXPECT_EQ(array->Append(&out), kZuOk);
-    array->GetAt(0, &out);
-    array->LowerBound(&out);
-    for (int o = 0; o < static_cast<int>(FaultOp::kCount); ++o)
-      calls -= faults.Calls(static_cast<FaultOp>(o));
-    EXPECT_EQ(calls, 0) << "OS calls after the array lost its segment";
-    EXPECT_EQ(array->GetSize(), 0u);
-  }
 }
 
 }  // namespace

@@ -133,34 +133,6 @@ TEST(Xdeque, RandomOperationsMatchAStandardDeque) {
   EXPECT_EQ(Tracked::live, 0);
 }
 
-TEST(Xdeque, IteratorsServeStandardAlgorithms) {
-  std::xdeque<uint32_t, kBlock> d;
-  for (uint32_t i = 0; i < 50; ++i) d.push_front(i * 3 % 50);
-  std::sort(d.begin(), d.end());
-  auto it = std::lower_bound(d.begin(), d.end(), 17u);
-  EXPECT_EQ(it - d.begin(), 17);
-  EXPECT_EQ(*(it + uint64_t{3}), 20u);
-  EXPECT_EQ(*(it + int8_t{-1}), 16u);
-  EXPECT_EQ(it[size_t{2}], 19u);
-  std::xdeque<uint32_t, kBlock>::const_iterator c = it;
-  EXPECT_EQ(*(c - 2), 15u);
-}
-
-// try_push_back pushes only into the remembered place of a block and never allocates.
-TEST(Xdeque, TryPushBackFillsOnlyTheRememberedBlock) {
-  std::xdeque<uint32_t, kBlock> d;
-  EXPECT_FALSE(d.try_push_back(1)) << "no block yet";
-  d.push_back(0);
-  for (uint32_t i = 1; i < kBlock; ++i) EXPECT_TRUE(d.try_push_back(i));
-  EXPECT_FALSE(d.try_push_back(99)) << "the block is full";
-  d.push_back(kBlock);
-  EXPECT_TRUE(d.try_push_back(kBlock + 1));
-  d.pop_back();
-  EXPECT_FALSE(d.try_push_back(98)) << "a pop forgets the place";
-  EXPECT_EQ(d.size(), kBlock + 1);
-  EXPECT_EQ(d.back(), kBlock);
-}
-
 // Allocations fail while the budget is zero (negative: never).
 int g_allocation_budget = -1;
 template <typename T>

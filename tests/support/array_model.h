@@ -9,8 +9,8 @@
 //
 // The elements always stand in ascending order (searches assume it). Where file storage
 // deliberately answers differently the comparison is narrowed rather than skipped:
-// - FindFloor, LocateLowerBound and FindNearest are sample-granular on file storage; there they
-//   are called (they must not crash) and only their exact answers on in-memory kinds compared.
+// - FindFloor, LocateLowerBound and FindNearest answer from one sample per page on file storage;
+//   there they are compared with that definition.
 // - UpperBound of a value at or above the last element answers the start of the next segment.
 // - SetAt on file storage writes only the chunk that holds the end, so it is issued there only
 //   for indexes in that chunk; GetLast of an empty file array still writes its all-ones element.
@@ -33,6 +33,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "src/platform/platform.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 namespace zu_test {
@@ -194,6 +195,11 @@ class ArrayModel {
         if (op == 4) Forget();
         const std::vector<uint64_t> keys = MoreKeys(n, Pick<uint64_t>(0, 5));
         Range r = MakeRange(Values(keys), gap);
+        if (in_.ConsumeBool()) {  // `last` from a longer walk: the source's own elements end it
+          r.last = std::make_shared<SimpleDataIter<unsigned char>>(
+              reinterpret_cast<unsigned char*>(r.spread.data()), n + 9, 1);
+          r.last->Seek(static_cast<unsigned int>(n + 9));
+        }
         ExpectOk(op == 4 ? array_->Assign(r.first.get(), r.last.get())
                          : array_->AppendRange(r.first.get(), r.last.get()),
                  op == 4 ? "Assign" : "AppendRange");
@@ -292,6 +298,31 @@ class ArrayModel {
       Expect(locate == lower, "LocateLowerBound");
       Expect(floor == (lower >= n ? n - 1 : present ? lower : lower - 1), "FindFloor");
       Expect(near == lower && nearest == (lower < n ? model_[lower] : probe), "FindNearest");
+    } else {
+      // File storage answers from one sample per page: the first sampled position whose element
+      // is not below the value (past the samples: the next would-be sample), and the sample
+      // before it as the floor unless that position holds the value. A wide tolerance takes a
+      // neighbouring sample and hands out its value; a tolerance of 0 is exact.
+      const uint64_t interval = zu::platform::Current().PageSize() / sizeof(T);
+      uint64_t located = (n + interval - 1) / interval * interval;
+      for (uint64_t j = 0; j < n; j += interval) {
+        if (!(model_[j] < probe)) {
+          located = j;
+          break;
+        }
+      }
+      uint64_t coarse_floor = located == 0 ? n : located - interval;
+      if (located > n) coarse_floor = (n - 1) / interval * interval;
+      if (located < n && model_[located] == probe) coarse_floor = located;
+      Expect(locate == located, "coarse LocateLowerBound");
+      Expect(floor == coarse_floor, "coarse FindFloor");
+      nearest = probe;
+      Expect(array_->FindNearest(&nearest, 0) == lower && nearest == probe, "exact FindNearest");
+      const uint64_t wide = array_->FindNearest(&nearest, uint64_t{1} << 62);
+      Expect(!(model_[0] < probe) ? wide == 0 && nearest == probe
+                                  : wide % interval == 0 && wide < n && nearest == model_[wide] &&
+                                        (wide > lower ? wide - lower : lower - wide) <= interval,
+             "FindNearest with a wide tolerance");
     }
   }
 
