@@ -174,10 +174,11 @@ class ArrayModel {
   void Step(int op) {
     const size_t room = kMaxElements - std::min(kMaxElements, model_.size());
     switch (op) {
-      case 0: {  // one element
-        if (room == 0) return;
-        const std::vector<uint64_t> keys = MoreKeys(1, Pick<uint64_t>(0, 3));
-        ExpectOk(array_->Append(&Values(keys)[0]), "Append");
+      case 0: {  // a run of single appends: long enough to pass a page sample of file storage
+        const std::vector<uint64_t> keys =
+            MoreKeys(std::min(room, Pick<size_t>(1, 5000)), Pick<uint64_t>(0, 3));
+        const std::vector<T> v = Values(keys);
+        for (const T& value : v) ExpectOk(array_->Append(&value), "Append");
         return Adopt(keys);
       }
       case 1:    // a small plain buffer
