@@ -92,11 +92,14 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
   const std::filesystem::path user = dir.Touch("user.bin", content);
   const std::filesystem::path short_data =
       dir.Touch("{11111111-2222-3333-4444-555555555555}.KMB", std::string(10, 's'));
+  // A second name of another user file, shaped like a data file's (user.bin has one name only,
+  // so that nothing but the link itself can keep the library from following the link).
+  const std::filesystem::path shared = dir.Touch("shared.bin", content);
   const std::filesystem::path hard = dir.path() / "{99999999-8888-7777-6666-555555555555}.KMB";
-  std::filesystem::create_hard_link(user, hard);
+  std::filesystem::create_hard_link(shared, hard);
   const std::filesystem::path link = dir.path() / kGuidName;
   if (kCanMakeSymlinks) std::filesystem::create_symlink(user, link);
-  for (const auto& name : {user, short_data, hard}) dir.Keep(name.filename().string());
+  for (const auto& name : {user, shared, short_data, hard}) dir.Keep(name.filename().string());
   const std::pair<std::filesystem::path, int> cases[] = {
       {user, 100},           {user, 0},
       {link, 100},           {link, 0},
@@ -108,6 +111,7 @@ TEST(BadInputDescription, ForeignFilesAreNeverExtendedOrDeleted) {
     SCOPED_TRACE(path.filename().string() + " " + std::to_string(size));
     EXPECT_EQ(LoadUseAndDestroy(*Describing({Entry(path, size)})), 0u);
     EXPECT_EQ(ReadBytes(user), content);
+    EXPECT_EQ(ReadBytes(shared), content);
     EXPECT_EQ(ReadBytes(short_data), std::string(10, 's'));
     EXPECT_EQ(std::filesystem::is_symlink(link), kCanMakeSymlinks);
     EXPECT_TRUE(std::filesystem::exists(hard));
