@@ -2,9 +2,11 @@
 //
 // A process killed with SIGKILL leaves its data files behind (nothing of the library runs on
 // the way out); CleanTmpFiles of a later process must remove every one of them and nothing
-// else. And CleanTmpFiles running over and over in another process must never delete a file
-// that an array of this process still uses, while this process keeps making, filling and
-// releasing arrays (and cleans up itself as well).
+// else. A holder of the same files in another process (a loader of a description) that goes
+// away leaves them to the others; the last holder deletes them. And CleanTmpFiles running over
+// and over in another process must never delete a file that an array of this process still
+// uses, while this process keeps making, filling and releasing arrays (and cleans up itself as
+// well).
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
@@ -19,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "src/platform/platform.h"
 #include "tests/support/posix_child_process.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/zu_data_manager.h"
@@ -130,6 +133,64 @@ TEST(PosixCleanup, KilledWritersLeaveFilesThatCleanTmpFilesRemoves) {
   std::printf(
       "crash leftovers (seed %u): 50 writers killed, %d of them left %d files, all removed\n", seed,
       with_leftovers, leftovers);
+}
+
+// A description re-attached in another process: the loader clears and destroys its array and
+// goes, and the creator's files and elements stay; the clean-up spares them too. The files go
+// with the last holder.
+TEST(PosixCleanup, LoaderInAnotherProcessLeavesTheCreatorsFiles) {
+  TempDataDir dir;
+  Tracked maker(3, 5000);
+  base::DictionaryValue* saved = nullptr;
+  ASSERT_TRUE(maker.array->SaveDescription(&saved) && saved != nullptr);
+  std::unique_ptr<base::DictionaryValue> description(saved);
+  const std::vector<std::string> files = DataFiles(dir.path());
+  ASSERT_EQ(files.size(), 1u);
+  ChildProcess loader(nullptr, [&](ChildPipes) {
+    std::unique_ptr<IZUArray> array(CArrayFactory().AllocFileArray(maker.type));
+    const bool loaded = array->LoadDescription(description.get()) && array->GetSize() == 5000;
+    array->Clear();
+    array.reset();
+    std::_Exit(loaded ? 0 : 1);
+  });
+  EXPECT_EQ(loader.Finish(), 0);
+  IZUArray::CleanTmpFiles();
+  EXPECT_EQ(DataFiles(dir.path()), files);
+  EXPECT_TRUE(maker.Intact());
+
+  // A third holder still finds them; after the creator has gone, the last holder deletes.
+  std::unique_ptr<IZUArray> third(CArrayFactory().AllocFileArray(maker.type));
+  ASSERT_TRUE(third->LoadDescription(description.get()));
+  maker.array.reset();
+  EXPECT_EQ(DataFiles(dir.path()), files);
+  EXPECT_EQ(third->GetSize(), 5000u);
+  third.reset();
+  EXPECT_TRUE(DataFiles(dir.path()).empty());
+}
+
+// The same at the platform seam: neither the clean-up nor a holder's own delete removes a file
+// another holder keeps open; the last holder's delete does. A new file never replaces an
+// existing one.
+TEST(PosixCleanup, DeletesSpareFilesOthersHold) {
+  TempDataDir dir;
+  auto& os = zu::platform::Native();
+  std::wstring path = dir.wide() + L"/live.KMB";
+  auto maker = os.CreateFile(path);
+  ASSERT_NE(maker, zu::platform::kInvalidFile);
+  EXPECT_EQ(os.CreateFile(path), zu::platform::kInvalidFile);
+  auto loader = os.OpenFile(path);
+  ASSERT_NE(loader, zu::platform::kInvalidFile);
+  EXPECT_FALSE(os.DeleteFileIfUnused(path));
+  EXPECT_FALSE(os.CloseAndDeleteFile(loader, path));
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "live.KMB"));
+  EXPECT_FALSE(os.DeleteFileIfUnused(path));
+  EXPECT_TRUE(os.CloseAndDeleteFile(maker, path));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "nothing left under another name";
+  auto unused = os.CreateFile(path);
+  ASSERT_NE(unused, zu::platform::kInvalidFile);
+  os.CloseFile(unused);
+  EXPECT_TRUE(os.DeleteFileIfUnused(path));
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "live.KMB"));
 }
 
 TEST(PosixCleanup, CleanTmpFilesLoopInAnotherProcessSparesLiveFiles) {

@@ -15,6 +15,7 @@
 namespace {
 
 using zu::CZUDequeRecordArray;
+using zu::RecordPtr;
 
 constexpr int kRecordSize = 16;
 
@@ -45,28 +46,52 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
   EXPECT_EQ(array.GetAt(0, out.data()), address) << "changed in place";
   EXPECT_EQ(out, changed);
 
-  // AppendRange appends nothing and answers 0; Assign stores copies and frees what it replaces.
+  // AppendRange appends nothing and answers 0.
   std::vector<unsigned char> more = Records(3, 20);
   SimpleDataIter<unsigned char> first(more.data(), 3, kRecordSize);
   auto last = first.Clone();
   last->Seek(3);
   EXPECT_EQ(array.AppendRange(&first, last.get()), kZuOk);
   EXPECT_EQ(array.GetSize(), 1u);
-  ASSERT_EQ(array.Assign(&first, last.get()), kZuOk);
+
+  // Assign takes a range of record addresses (each position holds an unsigned char*, like
+  // the array's own elements), stores copies of the records behind them and frees the ones it
+  // replaces. The addresses sit in a heap block of exactly three pointers, so reading a whole
+  // record at a position would run past it (and store pointer bytes as records).
+  std::vector<RecordPtr> addresses = {more.data() + 2 * kRecordSize, more.data(),
+                                      more.data() + kRecordSize};
+  SimpleDataIter<unsigned char> from(reinterpret_cast<unsigned char*>(addresses.data()), 3,
+                                     sizeof(RecordPtr));
+  auto to = from.Clone();
+  to->Seek(3);
+  ASSERT_EQ(array.Assign(&from, to.get()), kZuOk);
   ASSERT_EQ(array.GetSize(), 3u);
-  EXPECT_EQ(first.GetPosition(), 3u);
+  EXPECT_EQ(from.GetPosition(), 3u);
   std::fill(more.begin(), more.end(), 0);  // the array must not see the caller's memory
+  const unsigned char expected[] = {22, 20, 21};
   for (int i = 0; i < 3; ++i) {
     ASSERT_NE(array.GetAt(i, out.data()), nullptr);
-    EXPECT_EQ(out, RecordOf(static_cast<unsigned char>(20 + i)));
+    EXPECT_EQ(out, RecordOf(expected[i]));
+    EXPECT_NE(array.GetItemPtr(i), addresses[i]);
   }
   EXPECT_EQ(array.GetLast(out.data()), array.GetAt(2, out.data()));
 
-  // A range that ends before it starts is refused and replaces nothing.
-  first.Seek(2);
-  last->Seek(1);
-  EXPECT_EQ(array.Assign(&first, last.get()), kZuFailed);
+  // A null address is refused before anything is replaced.
+  std::vector<RecordPtr> with_null = {more.data(), nullptr};
+  SimpleDataIter<unsigned char> null_first(reinterpret_cast<unsigned char*>(with_null.data()), 2,
+                                           sizeof(RecordPtr));
+  auto null_last = null_first.Clone();
+  null_last->Seek(2);
+  EXPECT_EQ(array.Assign(&null_first, null_last.get()), kZuFailed);
   ASSERT_EQ(array.GetSize(), 3u);
+
+  // A range that ends before it starts is refused and replaces nothing.
+  from.Seek(2);
+  to->Seek(1);
+  EXPECT_EQ(array.Assign(&from, to.get()), kZuFailed);
+  ASSERT_EQ(array.GetSize(), 3u);
+  ASSERT_NE(array.GetAt(0, out.data()), nullptr);
+  EXPECT_EQ(out, RecordOf(22));
   array.Clear();
   EXPECT_EQ(array.GetLast(out.data()), nullptr);
   for (int i = 0; i < 5; ++i) ASSERT_EQ(array.Append(value.data()), kZuOk);

@@ -1,26 +1,42 @@
 // zu::Array<T>: a typed, move-only owner of an IZUArray, for hosts that prefer the feel of a
-// standard container to untyped pointers and result codes.
+// standard container to untyped pointers and result codes; zu::Appender<T>: the way to append
+// elements one at a time without a call through the interface for each.
 //
 //   auto times = zu::make_auto_deque_array<int64_t>();
-//   times.append(42);                        // zu::Status::ok, failed or no_space
-//   std::optional<int64_t> first = times.at(0);
+//   times.append(42);                           // zu::Status::ok, failed or no_space
+//   times.append({43, 44});                     // also any std::vector, std::array, std::span
+//   {
+//     auto out = times.appender();              // staged here, handed over in blocks
+//     for (int64_t t = 45; t < 1000; ++t) out.push_back(t);
+//     if (out.flush() != zu::Status::ok) { /* the array kept fewer than it was given */ }
+//   }
+//   int64_t first = times[0];                   // index < size(), as with std::vector
 //   uint64_t i = times.lower_bound(40);
+//   auto [at, nearest] = times.find_nearest(47, /*tolerance=*/10);
 //   std::string json = times.save_description();
+//
+// Failures: an append answers no_space whenever the array kept fewer elements than it was
+// given, also where the array itself answers success (a file array whose storage died drops
+// single appends quietly): the size is the witness. A self-spilling array that fails an add
+// clears itself, so its size is then 0.
 //
 // Element types are checked at compile time against what each kind supports: the four integer
 // types everywhere, SimpleBigData<16..512> records for the self-spilling kinds only.
-// Header-only over the public interface; nothing here is exported.
-// Thread-safety: not thread-safe: one thread per array.
+// Header-only over the public interface (nothing here is exported); C++17 or later.
+// Thread-safety: not thread-safe: one thread per array; an appender is a use of its array.
 #ifndef ZU_DATA_MANAGER_ARRAY_H_
 #define ZU_DATA_MANAGER_ARRAY_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "zu_data_manager/array_factory.h"
 #include "zu_data_manager/values.h"
@@ -40,6 +56,115 @@ struct is_record_element : std::false_type {};
 template <int N>
 struct is_record_element<SimpleBigData<N>> : std::true_type {};
 
+namespace internal {
+
+// A range crosses the interface with 32-bit positions, and the containers take its length as
+// a signed 32-bit difference: longer appends go over in pieces of this many elements.
+constexpr uint64_t kAppendPiece = uint64_t{1} << 30;
+// CopyOut takes its start as an int that every kind reads back as an unsigned 32-bit number,
+// and its count as an unsigned int.
+constexpr uint64_t kCopyLimit = 0xFFFFFFFFu;
+
+inline int CopyStart(uint64_t start) {  // start <= kCopyLimit
+  return start <= 0x7FFFFFFFu ? static_cast<int>(start)
+                              : static_cast<int>(static_cast<int64_t>(start) - (int64_t{1} << 32));
+}
+
+// The status of an add of `given` elements from its result code and the sizes around it.
+inline Status Witness(int code, uint64_t before, uint64_t after, uint64_t given) {
+  if (code != kZuOk) return static_cast<Status>(code);
+  return after >= before && after - before >= given ? Status::ok : Status::no_space;
+}
+
+// Appends count (below 2^30) elements from data with one AppendBuffer.
+inline Status AppendPiece(IZUArray* array, const void* data, uint64_t count) {
+  const uint64_t before = array->GetSize();
+  const int code = array->AppendBuffer(data, count);
+  return Witness(code, before, array->GetSize(), count);
+}
+
+// Whether Range is a contiguous range of T: std::data and std::size apply, and the data is T.
+template <typename T, typename Range, typename = void>
+struct is_contiguous_range_of : std::false_type {};
+template <typename T, typename Range>
+struct is_contiguous_range_of<T, Range,
+                              std::void_t<decltype(std::data(std::declval<const Range&>())),
+                                          decltype(std::size(std::declval<const Range&>()))>>
+    : std::is_same<std::remove_cv_t<std::remove_pointer_t<decltype(std::data(
+                       std::declval<const Range&>()))>>,
+                   T> {};
+
+}  // namespace internal
+
+// Appends elements one at a time, staging them in a block of its own and handing each full
+// block to the array with one AppendBuffer; flush() hands over the rest and answers for
+// everything since the appender was made. The destructor flushes too, but only flush() tells
+// the outcome.
+//
+// After a failed hand-over the appender hands nothing more over: the array has lost elements
+// (a self-spilling array clears itself), and what follows would no longer line up. flush()
+// keeps answering that failure.
+//
+// The array must outlive the appender. Other appends to the array in the meantime land before
+// the elements still staged here.
+template <typename T>
+class Appender {
+ public:
+  // Bytes staged before a hand-over: large enough that the call costs nothing per element,
+  // small enough to stay in the processor's cache.
+  static constexpr size_t kBlockBytes = 64 * 1024;
+  static constexpr size_t kBlockLength = sizeof(T) < kBlockBytes ? kBlockBytes / sizeof(T) : 1;
+
+  explicit Appender(IZUArray* array)
+      : array_(array),
+        block_(new T[kBlockLength]),
+        next_(block_.get()),
+        end_(block_.get() + kBlockLength) {}
+  // The moved-from appender may only be destroyed.
+  Appender(Appender&& other) noexcept
+      : array_(other.array_),
+        block_(std::move(other.block_)),
+        next_(other.next_),
+        end_(other.end_),
+        status_(other.status_) {
+    other.next_ = other.end_ = nullptr;
+  }
+  Appender& operator=(Appender&&) = delete;
+  Appender(const Appender&) = delete;
+  Appender& operator=(const Appender&) = delete;
+  ~Appender() {
+    try {
+      flush();
+    } catch (...) {  // a view refuses appends; a destructor must not throw
+    }
+  }
+
+  void push_back(const T& value) {
+    if (next_ == end_) HandOver();
+    *next_++ = value;
+  }
+  // Hands the staged elements over; ok when the array kept every element pushed so far.
+  Status flush() {
+    if (next_ != block_.get()) HandOver();
+    return status_;
+  }
+
+ private:
+  // Only values cross into the call, never the appender's address: an appender that lives in
+  // the caller's function can then keep its position in a register.
+  void HandOver() {
+    const auto count = static_cast<uint64_t>(next_ - block_.get());
+    next_ = block_.get();
+    if (status_ == Status::ok) status_ = internal::AppendPiece(array_, block_.get(), count);
+  }
+
+  IZUArray* array_;           // not owned
+  std::unique_ptr<T[]> block_;  // kBlockLength elements; [block_, next_) are staged
+  T* next_;                   // where the next element goes; block_ <= next_ <= end_
+  T* end_;                    // block_ + kBlockLength
+  Status status_ = Status::ok;  // the first failure; nothing is handed over after one
+};
+
 template <typename T>
 class Array {
  public:
@@ -55,15 +180,47 @@ class Array {
 
   explicit operator bool() const { return array_ != nullptr; }
   IZUArray* get() const { return array_.get(); }
+  // Gives up ownership: the caller deletes the array, or never does (a file-backed array that
+  // is never destroyed leaves its files behind for a description to name).
+  IZUArray* release() { return array_.release(); }
 
-  Status append(const T& value) { return static_cast<Status>(array_->Append(&value)); }
-  // Appends count elements from a contiguous buffer in one call (count below 2^32).
-  Status append(const T* data, size_t count) {
-    return static_cast<Status>(array_->AppendBuffer(data, count));
+  Status append(const T& value) {
+    const uint64_t before = array_->GetSize();
+    const int code = array_->Append(&value);
+    return internal::Witness(code, before, array_->GetSize(), 1);
   }
+  // Appends count elements from a contiguous buffer, in as few calls as the interface allows.
+  // On a failure the elements of the failing piece and after it are not appended (and a
+  // self-spilling array has cleared itself).
+  Status append(const T* data, uint64_t count) {
+    for (uint64_t done = 0; done < count;) {
+      const uint64_t piece = std::min(count - done, internal::kAppendPiece);
+      const Status status = internal::AppendPiece(array_.get(), data + done, piece);
+      if (status != Status::ok) return status;
+      done += piece;
+    }
+    return Status::ok;
+  }
+  // Any contiguous range of T: std::vector, std::array, a C array, std::span (C++20).
+  template <typename Range,
+            typename = std::enable_if_t<internal::is_contiguous_range_of<T, Range>::value>>
+  Status append(const Range& values) {
+    return append(std::data(values), static_cast<uint64_t>(std::size(values)));
+  }
+  Status append(std::initializer_list<T> values) {
+    return append(values.begin(), static_cast<uint64_t>(values.size()));
+  }
+  // One element at a time without a call through the interface for each; see Appender.
+  Appender<T> appender() { return Appender<T>(array_.get()); }
 
   uint64_t size() const { return array_->GetSize(); }
   bool empty() const { return size() == 0; }
+  // The element at index; index < size() is the caller's to keep, as with std::vector.
+  T operator[](uint64_t index) const {
+    T out{};
+    array_->GetAt(index, &out);
+    return out;
+  }
   std::optional<T> at(uint64_t index) const {
     T out;
     if (array_->GetAt(index, &out) == nullptr) return std::nullopt;
@@ -81,21 +238,42 @@ class Array {
   uint64_t upper_bound(const T& value) const { return array_->UpperBound(&value); }
   // Index of the first element equal to value, or size() when there is none.
   uint64_t find(const T& value) const { return array_->Find(&value); }
-  // Index of the last element not greater than value (coarse on file storage); all-ones when
-  // every element is greater.
+  // Index of the last element not greater than value; all-ones when every element is
+  // greater. On file storage a sampled position at or before it (see the README).
   uint64_t find_floor(const T& value) const { return array_->FindFloor(&value); }
-  // Index of the nearest element; `value` becomes that element (see IZUArray::FindNearest).
+  // The element nearest to value as (index, element). In-memory kinds answer the lower bound
+  // whatever the tolerance; file storage answers a sampled element within the tolerance, else
+  // the lower bound. (size(), value) when no element is found. (A variable that is not const
+  // selects the in-out form below.)
+  std::pair<uint64_t, T> find_nearest(const T& value, uint64_t tolerance) const {
+    T found = value;
+    const uint64_t index = array_->FindNearest(&found, tolerance);
+    // File storage leaves the value alone when it answered from the file's data.
+    if (found == value) array_->GetAt(index, &found);
+    return {index, found};
+  }
+  // The in-out form: a variable becomes the element that FindNearest chose (file storage
+  // leaves it alone when it answered from the file's data); returns its index.
   uint64_t find_nearest(T& value, uint64_t tolerance) const {
     return array_->FindNearest(&value, tolerance);
   }
 
   // Copies up to count elements starting at `start` into dest; returns how many it copied.
-  uint64_t copy_out(uint64_t start, T* dest, uint32_t count) const {
-    uint64_t n = size();
+  // One CopyOut while start and count fit its 32-bit arguments; beyond 2^32 elements of a file
+  // array, only element reads reach the data.
+  uint64_t copy_out(uint64_t start, T* dest, uint64_t count) const {
+    const uint64_t n = size();
     if (start >= n) return 0;
-    uint64_t copied = n - start < count ? n - start : count;
-    array_->CopyOut(dest, static_cast<int>(start), static_cast<unsigned int>(copied));
-    return copied;
+    const uint64_t total = std::min(count, n - start);
+    uint64_t done = 0;
+    while (done < total && start + done <= internal::kCopyLimit) {
+      const uint64_t piece = std::min(total - done, internal::kCopyLimit);
+      array_->CopyOut(dest + done, internal::CopyStart(start + done),
+                      static_cast<unsigned int>(piece));
+      done += piece;
+    }
+    for (; done < total; ++done) array_->GetAt(start + done, dest + done);
+    return total;
   }
 
   // The description of the backing files as JSON text; "" for arrays without files.

@@ -93,7 +93,7 @@ CZUFileArrayImp<T>::CZUFileArrayImp() {
     file_ = os.CreateFile(path_);
   }
   if (file_ == platform::kInvalidFile) {
-    if (!path_.empty()) os.DeleteFile(path_);
+    // A failed creation leaves nothing under the name (and the name may be someone else's).
     path_.clear();
     Reset();
     return;
@@ -118,9 +118,10 @@ void CZUFileArrayImp<T>::ReleaseFile() {
   read_view_ = nullptr;
   os.CloseMapping(mapping_);
   mapping_ = platform::kNoMapping;
-  os.CloseFile(file_);
+  // The file goes with its last holder: an array that attached the same file through a
+  // description (in this or another process) keeps it until it lets go too.
+  if (file_ != platform::kInvalidFile) os.CloseAndDeleteFile(file_, path_);
   file_ = platform::kInvalidFile;
-  if (!path_.empty()) os.DeleteFile(path_);
   path_.clear();
 }
 

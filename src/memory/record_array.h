@@ -100,9 +100,16 @@ class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
       // A range that ends before it starts is refused like the other containers' length
       // error, before any record is replaced.
       if (RangeCount(first, last) < 0) throw std::length_error("xdeque<T> too long");
+      // Each position of the range holds a record's address, as every element of this array
+      // does; the array keeps copies of the records behind those addresses. All copies are
+      // made before anything is replaced, so a failure leaves the old content as it was.
       std::vector<std::unique_ptr<unsigned char[]>> copies;
-      ForEachInRange<unsigned char>(
-          first, last, [&](const unsigned char& record) { copies.push_back(CopyRecord(&record)); });
+      ForEachInRange<unsigned char>(first, last, [&](const unsigned char& position) {
+        RecordPtr record;
+        std::memcpy(&record, &position, sizeof(record));  // the caller's slot may be unaligned
+        if (record == nullptr) throw std::invalid_argument("null record address");
+        copies.push_back(CopyRecord(record));
+      });
       DeleteRecords();
       Ops::EraseAll(*container_);
       for (auto& copy : copies) {

@@ -50,18 +50,20 @@ class Platform {
   virtual ~Platform() = default;
 
   // --- files -----------------------------------------------------------------------------
-  // Creates (truncating) a read-write file. Returns kInvalidFile on failure. Other arrays may
+  // Creates a new, empty read-write file. Returns kInvalidFile on failure. Other arrays may
   // open it read-write too (a description re-attaches while its maker lives), but while it is
-  // open nobody deletes it through DeleteFileIfUnused (POSIX: a shared lock held while open;
-  // Windows: no delete sharing, so even DeleteFile is refused). That is what keeps
-  // CleanTmpFiles away from it.
+  // open nobody deletes it through DeleteFileIfUnused (POSIX: a shared lock held while open,
+  // taken before the file is visible under `path`; Windows: no delete sharing). That is what
+  // keeps CleanTmpFiles away from it.
   virtual FileHandle CreateFile(const std::wstring& path) = 0;
   // Opens an existing regular file read-write (never follows a symbolic link). kInvalidFile
   // on failure or when the path names anything but a regular file.
   virtual FileHandle OpenFile(const std::wstring& path) = 0;
   virtual void CloseFile(FileHandle file) = 0;
-  // Deletes a file by name; false when it could not be deleted.
-  virtual bool DeleteFile(const std::wstring& path) = 0;
+  // Closes a data file this holder made or opened and deletes it by name, unless another
+  // holder (of any process) still keeps it open: then the file stays, and the last holder's
+  // call deletes it. True when the file was deleted.
+  virtual bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) = 0;
   // Deletes the file only when no process holds it open through this library.
   virtual bool DeleteFileIfUnused(const std::wstring& path) = 0;
   // Current length of an open file in bytes; -1 on failure.

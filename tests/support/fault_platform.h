@@ -45,7 +45,9 @@ class FaultPlatform : public zu::platform::Platform {
   }
   // Forwarded as they are.
   void CloseFile(FileHandle file) override { native_.CloseFile(file); }
-  bool DeleteFile(const std::wstring& path) override { return native_.DeleteFile(path); }
+  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override {
+    return native_.CloseAndDeleteFile(file, path);
+  }
   bool DeleteFileIfUnused(const std::wstring& path) override {
     return native_.DeleteFileIfUnused(path);
   }

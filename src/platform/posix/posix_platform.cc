@@ -4,6 +4,11 @@
 //  * A data file stays share-locked (flock LOCK_SH) while open; the clean-up only deletes a
 //    file after it obtained LOCK_EX without waiting, so a live array of any process keeps its
 //    files, as an open file without delete sharing does on Windows.
+//  * A new data file gets its name only once it is share-locked (it is made nameless, or under
+//    a name the clean-up never matches, and then linked or renamed), so no clean-up can take
+//    it between its creation and its lock.
+//  * A holder's own delete removes the file only when it is the last holder (it must get
+//    LOCK_EX without waiting), as Windows refuses to delete a file another handle keeps open.
 //  * A "mapping object" fixes the file's length; creating one extends the file with reserved
 //    blocks (fallocate), so a write through a view can never fault on a full disk.
 //  * Views are never placed with MAP_FIXED: the old address is only a hint.
@@ -36,7 +41,8 @@ constexpr mode_t kDataFileMode = 0600;          // the files hold the host's dat
 constexpr mode_t kDirectoryMode = 0777;         // umask applies, as for any created directory
 constexpr size_t kGuidBytes = 16;               // a GUID is 128 bits
 constexpr rlim_t kFallbackFileLimit = 1 << 20;  // used when the hard limit is "unlimited"
-constexpr int kCreateAttempts = 8;              // a clean-up elsewhere took the new name
+// Appended to a new file's name while it is made: the clean-up matches exact extensions only.
+constexpr char kUnlockedSuffix[] = ".new";
 
 // The one place where errno becomes an IoStatus.
 IoStatus StatusFromErrno(int error) {
@@ -105,6 +111,49 @@ bool RetryFlock(int fd, int operation) {
   return rc == 0;
 }
 
+// The directory part of a path ("." when it has none).
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// A new, share-locked file without a name in `directory` (O_TMPFILE); -1 where the kernel or
+// the file system cannot make one.
+int CreateNamelessLockedFile(const std::string& directory) {
+#ifdef O_TMPFILE
+  ScopedFd fd(RetryOpen(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, kDataFileMode));
+  if (!fd.valid() || !RetryFlock(fd.get(), LOCK_SH)) return -1;
+  return fd.release();
+#else
+  (void)directory;
+  return -1;
+#endif
+}
+
+// Gives the nameless file `fd` the name `path`. An unprivileged process links it through its
+// /proc entry; never replaces an existing file.
+bool NameFile(int fd, const std::string& path) {
+  const std::string proc_entry = "/proc/self/fd/" + std::to_string(fd);
+  return ::linkat(AT_FDCWD, proc_entry.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+// Where a nameless file cannot be made or named: the file is made and locked under a name the
+// clean-up never matches, then given its own name; the lock travels with the file. A link
+// never replaces an existing file; only a file system without links gets a rename.
+int CreateLockedFileByRename(const std::string& path) {
+  const std::string unlocked = path + kUnlockedSuffix;
+  ScopedFd fd(RetryOpen(unlocked, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
+                        kDataFileMode));
+  if (!fd.valid()) return -1;
+  bool named = RetryFlock(fd.get(), LOCK_SH);
+  if (named && ::link(unlocked.c_str(), path.c_str()) != 0) {
+    named = (errno == EPERM || errno == EOPNOTSUPP) && ::rename(unlocked.c_str(), path.c_str()) == 0;
+  }
+  ::unlink(unlocked.c_str());
+  return named ? fd.release() : -1;
+}
+
 bool IsRegularFile(int fd) {
   struct stat st;
   return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
@@ -162,19 +211,13 @@ class PosixPlatform : public Platform {
   FileHandle CreateFile(const std::wstring& path) override {
     if (path.empty()) return kInvalidFile;
     const std::string native = WideToUtf8(path);
-    // Between creating the file and locking it, a clean-up in another process may take its
-    // exclusive lock and delete it: the lock then comes (after the clean-up let go) on a file
-    // without a name. Create it again then; once the shared lock is held on a named file, no
-    // clean-up can delete it.
-    for (int attempt = 0; attempt < kCreateAttempts; ++attempt) {
-      ScopedFd fd(
-          RetryOpen(native, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kDataFileMode));
-      if (!fd.valid() || !RetryFlock(fd.get(), LOCK_SH)) return kInvalidFile;
-      struct stat st;
-      if (::fstat(fd.get(), &st) != 0) return kInvalidFile;
-      if (st.st_nlink > 0) return fd.release();
+    ScopedFd fd(CreateNamelessLockedFile(DirectoryOf(native)));
+    if (fd.valid()) {
+      if (NameFile(fd.get(), native)) return fd.release();
+      // The name is taken (never replaced), or the file cannot be linked here.
+      if (errno == EEXIST) return kInvalidFile;
     }
-    return kInvalidFile;
+    return CreateLockedFileByRename(native);
   }
 
   FileHandle OpenFile(const std::wstring& path) override {
@@ -189,8 +232,21 @@ class PosixPlatform : public Platform {
     if (file >= 0) ::close(static_cast<int>(file));
   }
 
-  bool DeleteFile(const std::wstring& path) override {
-    return !path.empty() && ::unlink(WideToUtf8(path).c_str()) == 0;
+  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override {
+    if (file < 0) return false;
+    ScopedFd fd(static_cast<int>(file));
+    if (path.empty()) return false;
+    // Every holder keeps LOCK_SH, so only the last one gets LOCK_EX. (A refused conversion
+    // drops this holder's shared lock; the file is closed right after anyway.)
+    if (!RetryFlock(fd.get(), LOCK_EX | LOCK_NB)) return false;
+    // Delete the name only while it still stands for this file.
+    const std::string native = WideToUtf8(path);
+    struct stat open_file, named_file;
+    if (::fstat(fd.get(), &open_file) != 0 || ::lstat(native.c_str(), &named_file) != 0 ||
+        open_file.st_dev != named_file.st_dev || open_file.st_ino != named_file.st_ino) {
+      return false;
+    }
+    return ::unlink(native.c_str()) == 0;
   }
 
   bool DeleteFileIfUnused(const std::wstring& path) override {

@@ -92,12 +92,16 @@ class Win32Platform : public Platform {
     if (file != kInvalidFile) CloseHandle(AsHandle(file));
   }
 
-  bool DeleteFile(const std::wstring& path) override {
+  // A file that another handle (of any process) keeps open refuses deletion by itself (no
+  // delete sharing), so the last holder's delete is the one that succeeds.
+  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override {
+    CloseFile(file);
     return !path.empty() && DeleteFileW(path.c_str()) != 0;
   }
 
-  // An open data file refuses deletion by itself (no delete sharing).
-  bool DeleteFileIfUnused(const std::wstring& path) override { return DeleteFile(path); }
+  bool DeleteFileIfUnused(const std::wstring& path) override {
+    return !path.empty() && DeleteFileW(path.c_str()) != 0;
+  }
 
   int64_t FileLength(FileHandle file) override {
     LARGE_INTEGER size;
