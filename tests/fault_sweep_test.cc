@@ -1,17 +1,17 @@
-// One mixed workload of every kind, run in a forked child while the OS refuses room: every
+// One workload of the file-backed kinds, run in a forked child while the OS refuses room: every
 // failable call failed in turn (the fault sweep: a clean run counts how often the workload
 // calls each failable operation, then call n of one operation fails, once and for good, for
 // every n), a real full disk (a small tmpfs in a private mount namespace), and a file-size
 // limit (RLIMIT_FSIZE). A crash is counted instead of ending the runs.
 //
 // After each run the child checks what a host relies on: every adding operation answered 0 or,
-// for lack of room, 2; in-memory arrays are untouched by file faults; a file array either
-// holds everything it was given or has dropped exactly its failing segment (the segments before
-// it intact, so its size is a multiple of the segment capacity) and then makes no further OS
-// calls; a self-spilling array that failed an add holds either nothing (it cleared itself) or
-// what it held before; every file has its blocks reserved (no sparse file, so no write through a
-// mapping can fault); a description round trip gives a prefix of whole segments of what was
-// saved; and nothing (files, descriptors, mappings) is left once the arrays are gone.
+// for lack of room, 2; a file array either holds everything it was given or has dropped exactly its
+// failing segment (the segments before it intact, so its size is a multiple of the segment
+// capacity) and then makes no further OS calls; a self-spilling array that failed an add holds
+// either nothing (it cleared itself) or what it held before; every file has its blocks reserved (no
+// sparse file, so no write through a mapping can fault); a description round trip gives a prefix of
+// whole segments of what was saved; and nothing (files, descriptors, mappings) is left once the
+// arrays are gone.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -86,14 +86,6 @@ class Workload {
 
   void Run(bool vector_flavour) {
     CArrayFactory factory;
-    // In-memory arrays that file faults must leave alone.
-    std::unique_ptr<IZUArray> vector(factory.AllocVectorArray(4)),
-        deque(factory.AllocDequeArray(8));
-    const std::vector<uint32_t> vector_values = Pattern<uint32_t>(5000, 7);
-    const std::vector<int64_t> deque_values = Pattern<int64_t>(3000, 11);
-    Code(vector->AppendBuffer(vector_values.data(), vector_values.size()), "vector");
-    for (const int64_t& v : deque_values) Code(deque->Append(&v), "deque");
-
     // File arrays: one fed by single appends only, one by bulk pieces crossing chunks with a few
     // single appends between them.
     FileArray<uint32_t> singles(3 << 17);
@@ -149,11 +141,6 @@ class Workload {
       file.total += 1 << 19;
       while (file.Add(*this, 1 << 18, 0)) continue;
     }
-    if (vector->GetSize() != vector_values.size() || deque->GetSize() != deque_values.size()) {
-      Problem(r_.broken, "an in-memory array changed size");
-    }
-    Compare(*vector, vector_values, "vector");
-    Compare(*deque, deque_values, "deque");
   }
 
  private:

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "src/platform/platform.h"
+#include "tests/support/filled_array.h"
 #include "tests/support/posix_child_process.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/zu_data_manager.h"
@@ -52,39 +53,6 @@ std::vector<std::string> DataFiles(const std::filesystem::path& dir) {
   return names;
 }
 
-// A file array with the elements it was given.
-struct Tracked {
-  Tracked(int number, size_t elements)
-      : type(1 << (number % 4)),
-        array(CArrayFactory().AllocFileArray(type)),
-        bytes(elements * type) {
-    for (size_t i = 0; i < bytes.size(); ++i)
-      bytes[i] = static_cast<unsigned char>(number + i / type / 97);
-    added = array->AppendBuffer(bytes.data(), elements);
-    base::DictionaryValue* saved = nullptr;
-    base::ListValue* files = nullptr;
-    base::DictionaryValue* file = nullptr;
-    array->SaveDescription(&saved);
-    std::unique_ptr<base::DictionaryValue> owned(saved);
-    if (owned && owned->GetList("files", &files) && files->GetDictionary(0, &file)) {
-      file->GetString("file_path", &path);
-    }
-  }
-  // Its file is still there (an open file that was deleted would still read back) and holds
-  // what was given.
-  bool Intact() {
-    std::vector<unsigned char> back(bytes.size());
-    array->CopyOut(back.data(), 0, static_cast<unsigned int>(bytes.size() / type));
-    return added == kZuOk && std::filesystem::exists(path) && back == bytes &&
-           array->GetSize() == bytes.size() / type;
-  }
-  int type;
-  std::unique_ptr<IZUArray> array;
-  std::vector<unsigned char> bytes;
-  int added;          // the code of the add
-  std::wstring path;  // its one file
-};
-
 // The writer killed by the crash test: makes, fills and releases file arrays of every element
 // type until it is killed (or gives up after a while).
 void AppendUntilKilled(unsigned seed) {
@@ -109,7 +77,8 @@ TEST(PosixCleanup, KilledWritersLeaveFilesThatCleanTmpFilesRemoves) {
   dir.Touch("notes.txt", "not the library's");
   dir.Keep("notes.txt");
   // An array of this process stays alive over all runs: the clean-up must spare it.
-  Tracked mine(3, 5000);
+  FilledFileArray mine(3, 5000);
+  ASSERT_EQ(mine.Fill(), kZuOk);
   const std::vector<std::string> own_files = DataFiles(dir.path());
   ASSERT_EQ(own_files.size(), 1u);
   const unsigned seed = std::random_device()();
@@ -140,7 +109,8 @@ TEST(PosixCleanup, KilledWritersLeaveFilesThatCleanTmpFilesRemoves) {
 // with the last holder.
 TEST(PosixCleanup, LoaderInAnotherProcessLeavesTheCreatorsFiles) {
   TempDataDir dir;
-  Tracked maker(3, 5000);
+  FilledFileArray maker(3, 5000);
+  ASSERT_EQ(maker.Fill(), kZuOk);
   base::DictionaryValue* saved = nullptr;
   ASSERT_TRUE(maker.array->SaveDescription(&saved) && saved != nullptr);
   std::unique_ptr<base::DictionaryValue> description(saved);
@@ -205,14 +175,15 @@ TEST(PosixCleanup, CleanTmpFilesLoopInAnotherProcessSparesLiveFiles) {
 
   // This process: a ring of live arrays, one new array per step, every live array checked after
   // each step (a deleted file would take its elements along); every tenth step it cleans up too.
-  std::vector<Tracked> live;
+  std::vector<FilledFileArray> live;
   int made = 0, checks = 0, damaged = 0;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
   while (std::chrono::steady_clock::now() < deadline || made < 50) {
     // Mostly small arrays (the clean-up meets many fresh files); every fifth crosses chunks.
     live.emplace_back(made, made % 5 == 0 ? 700000 : 2000);
+    damaged += live.back().Fill() != kZuOk;
     if (++made % 10 == 0) IZUArray::CleanTmpFiles();
-    for (Tracked& t : live) damaged += !t.Intact();
+    for (FilledFileArray& t : live) damaged += !t.Intact();
     checks += static_cast<int>(live.size());
     if (live.size() > 8) live.erase(live.begin());
   }

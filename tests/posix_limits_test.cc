@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/filled_array.h"
 #include "tests/support/posix_child_process.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/zu_data_manager.h"
@@ -56,30 +57,8 @@ int CountMaps() {
   return static_cast<int>(std::count(std::istreambuf_iterator<char>(maps), {}, '\n'));
 }
 
-// A small file array and the elements it was given. Element types rotate over 1, 2, 4 and 8
-// bytes; the values depend on the array's number so that arrays cannot pass for each other.
-struct SmallArray {
-  SmallArray(int number, size_t elements)
-      : type(1 << (number % 4)),
-        array(CArrayFactory().AllocFileArray(type)),
-        bytes(elements * type) {
-    for (size_t i = 0; i < bytes.size(); ++i)
-      bytes[i] = static_cast<unsigned char>(number * 7 + i / type);
-  }
-  size_t elements() const { return bytes.size() / type; }
-  int Fill() { return array->AppendBuffer(bytes.data(), elements()); }
-  bool Intact() {
-    std::vector<unsigned char> back(bytes.size());
-    array->CopyOut(back.data(), 0, static_cast<unsigned int>(elements()));
-    return array->GetSize() == elements() && back == bytes;
-  }
-  int type;
-  std::unique_ptr<IZUArray> array;
-  std::vector<unsigned char> bytes;  // the elements as given
-};
-
 // Sorts one add at a limit into the documented outcomes; false when it did not simply succeed.
-bool Classify(Figures& f, SmallArray& a, int code) {
+bool Classify(Figures& f, FilledFileArray& a, int code) {
   const uint64_t size = a.array->GetSize();
   if (code == kZuOk && size == a.elements()) return true;
   if (f.failure_code < 0) f.failure_code = code;
@@ -98,9 +77,9 @@ bool Classify(Figures& f, SmallArray& a, int code) {
 }
 
 // Checks every live array, releases them all and counts what is left.
-void VerifyAndRelease(Figures& f, std::vector<SmallArray>& live, const std::filesystem::path& data,
-                      int descriptors) {
-  for (SmallArray& a : live) {
+void VerifyAndRelease(Figures& f, std::vector<FilledFileArray>& live,
+                      const std::filesystem::path& data, int descriptors) {
+  for (FilledFileArray& a : live) {
     if (!a.Intact()) f.Problem("a live array lost its elements at the limit");
     f.checked += static_cast<int64_t>(a.elements());
   }
@@ -116,9 +95,9 @@ void DescriptorCase(Figures& f, const std::filesystem::path& data) {
   getrlimit(RLIMIT_NOFILE, &limit);
   f.soft_before = static_cast<long>(limit.rlim_cur);
   const int descriptors = OpenHandleCount();
-  std::vector<SmallArray> live;
+  std::vector<FilledFileArray> live;
   for (int n = 0; n < static_cast<int>(limit.rlim_max) + 8; ++n) {
-    SmallArray a(n, 1000);
+    FilledFileArray a(n, 1000);
     const int code = a.Fill();
     if (n == 0)
       f.soft_after = (getrlimit(RLIMIT_NOFILE, &limit), static_cast<long>(limit.rlim_cur));
@@ -157,7 +136,7 @@ void MappingCase(Figures& f, const std::filesystem::path& data) {
   struct rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
   const int descriptors = OpenHandleCount();
-  std::vector<SmallArray> live;
+  std::vector<FilledFileArray> live;
   for (int n = 0; n < std::min<int>(2000, static_cast<int>(limit.rlim_max) - 64); ++n) {
     live.emplace_back(n, 100);
     if (!Classify(f, live.back(), live.back().Fill())) break;
