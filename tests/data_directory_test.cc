@@ -2,10 +2,10 @@
 // not ASCII), what happens without one, and the clean-up of leftover files.
 #include <gtest/gtest.h>
 
-#include <cwctype>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -33,14 +33,8 @@ std::set<std::string> Names(const std::filesystem::path& dir) {
 }
 
 // A data file's name is a version-4 GUID in upper case, in braces, with the extension .KMB.
-bool IsGuidName(const std::string& name) {
-  if (name.size() != 42 || name.front() != '{' || name.substr(37) != "}.KMB") return false;
-  for (size_t i = 1; i < 37; ++i) {
-    const bool dash = i == 9 || i == 14 || i == 19 || i == 24;
-    if (dash ? name[i] != '-' : !std::isxdigit(name[i]) || std::islower(name[i])) return false;
-  }
-  return name[15] == '4' && std::string("89AB").find(name[20]) != std::string::npos;
-}
+const std::regex kGuidName(
+    R"(\{[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}\}\.KMB)");
 
 TEST(DataDirectory, WithoutADirectoryNothingIsCreated) {
   auto top_level = [] {
@@ -100,7 +94,7 @@ TEST(DataDirectory, FilesAreMadeThereWithItsParentsUnderGuidNames) {
   for (int i = 0; i < 20; ++i) arrays.push_back(FileArrayWithOneElement());
   const std::set<std::string> names = Names(on_disk);
   EXPECT_EQ(names.size(), 20u) << "one distinct file per array";
-  for (const std::string& name : names) EXPECT_TRUE(IsGuidName(name)) << name;
+  for (const std::string& name : names) EXPECT_TRUE(std::regex_match(name, kGuidName)) << name;
 
   std::vector<uint32_t> values(0x40000 + 1000);  // crosses a chunk
   for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<uint32_t>(i * 7 + 3);

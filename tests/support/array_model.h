@@ -76,10 +76,6 @@ class RandomInput {
   size_t remaining_bytes() const { return 1; }
   bool ConsumeBool() { return random_() & 1; }
   template <typename I>
-  I ConsumeIntegral() {
-    return static_cast<I>(random_());
-  }
-  template <typename I>
   I ConsumeIntegralInRange(I lo, I hi) {
     const uint64_t span = static_cast<uint64_t>(hi) - static_cast<uint64_t>(lo);
     const uint64_t r = random_();
@@ -224,7 +220,7 @@ class ArrayModel {
         return;
       }
       case 6: {  // GetAt anywhere
-        const uint64_t i = in_.ConsumeBool() ? in_.template ConsumeIntegral<uint64_t>()
+        const uint64_t i = in_.ConsumeBool() ? Pick<uint64_t>(0, UINT64_MAX)
                                              : Pick<uint64_t>(0, model_.size() + 1);
         T out = Keys<T>::Make(7);
         const void* got = array_->GetAt(i, &out);
