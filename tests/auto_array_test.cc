@@ -7,7 +7,6 @@
 #include <memory>
 #include <vector>
 
-#include "src/platform/platform.h"
 #include "tests/support/array_model.h"
 #include "tests/support/temp_dir.h"
 
@@ -92,7 +91,7 @@ TEST(CZUAutoDequeArray, ARangeReachingTheThresholdMovesForGood) {
   ASSERT_EQ(array->AppendBuffer(values.data() + values.size() - 10, 10), kZuOk);
   ASSERT_TRUE(InFiles(*array));
   ExpectContent(*array, values);
-  const uint64_t interval = zu::platform::Current().PageSize() / sizeof(int64_t);
+  const uint64_t interval = PageBytes() / sizeof(int64_t);
   EXPECT_EQ(array->LowerBound(&between), 1002u);
   EXPECT_EQ(array->LocateLowerBound(&between), (1002 + interval - 1) / interval * interval);
   EXPECT_EQ(array->FindFloor(&between), 1001 / interval * interval);

@@ -1,5 +1,6 @@
-// The file array's own rules beyond the contract model: the tolerance of FindNearest, SetAt
-// outside the last chunk, the write-conflict guard, its files' life cycle, and segment borders.
+// The file array's own rules beyond the contract model: the model again with one-chunk read views,
+// the tolerance of FindNearest, SetAt outside the last chunk, the write-conflict guard, its
+// files' life cycle, and segment borders.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "src/platform/platform.h"
+#include "tests/support/array_model.h"
 #include "tests/support/fault_platform.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/zu_data_manager.h"
@@ -25,7 +26,7 @@ constexpr uint64_t kSegment = (uint64_t{1} << 27) / sizeof(T);
 // Page samples: one element per page.
 template <typename T>
 uint64_t Interval() {
-  return zu::platform::Current().PageSize() / sizeof(T);
+  return PageBytes() / sizeof(T);
 }
 
 template <typename T>
@@ -67,6 +68,21 @@ TEST(CZUFileArray, ToleranceIsStrictAndSetAtWritesTheFileOnlyInTheLastChunk) {
     EXPECT_EQ(*static_cast<uint32_t*>(array->GetAt(index, &out)), x);
     array->CopyOut(&out, static_cast<int>(index), 1);
     EXPECT_EQ(out, index < 2 * chunk ? v[index] : x) << index;
+  }
+}
+
+// The contract model over file storage whose read views are one chunk long, as on Windows and in
+// 32-bit builds, even where the OS backend lets a read view cover the whole file.
+TEST(CZUFileArray, BehavesLikeTheModelWithChunkReadViews) {
+  TempDataDir dir;
+  FaultPlatform faults;
+  faults.UseChunkReadViews(true);
+  for (uint64_t seed : {1, 2}) {
+    RandomInput in16(seed), in64(seed);
+    auto make16 = [] { return CArrayFactory().AllocFileArray(2); };
+    auto make64 = [] { return CArrayFactory().AllocFileArray(8); };
+    EXPECT_EQ((ArrayModel<uint16_t, RandomInput>(in16, make16, Storage::kFile).Run()), "") << seed;
+    EXPECT_EQ((ArrayModel<int64_t, RandomInput>(in64, make64, Storage::kFile).Run()), "") << seed;
   }
 }
 

@@ -117,8 +117,25 @@ struct HugeRecord {
   unsigned char payload[kHugeRecordBytes - sizeof(uint32_t)];
 };
 
+// Gives each block of records room for the tag alone: the limit is 2^32 - 1 bytes of elements,
+// more than a 32-bit process can address. The map itself gets its real size.
+template <typename T>
+struct TagOnlyAllocator {
+  using value_type = T;
+  TagOnlyAllocator() = default;
+  template <typename U>
+  TagOnlyAllocator(const TagOnlyAllocator<U>&) {}
+  T* allocate(size_t n) {
+    const size_t each = std::is_same<T, HugeRecord>::value ? sizeof(uint64_t) : sizeof(T);
+    return static_cast<T*>(::operator new(n* each));
+  }
+  void deallocate(T* p, size_t) { ::operator delete(p); }
+  bool operator==(const TagOnlyAllocator&) const { return true; }
+  bool operator!=(const TagOnlyAllocator&) const { return false; }
+};
+
 TEST(Xdeque, MapLimitRaisesLengthErrorAndKeepsContents) {
-  using Huge = std::xdeque<HugeRecord, 1>;
+  using Huge = std::xdeque<HugeRecord, 1, TagOnlyAllocator<HugeRecord>>;
   auto record = std::make_unique<HugeRecord>();
   Huge d;
   uint32_t pushed = 0;

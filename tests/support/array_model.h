@@ -5,7 +5,8 @@
 // after every step: size, first, last and one chosen element, and at the end every element.
 //
 // The differential fuzzer (fuzz/) feeds it libFuzzer's input; the typed contract suite
-// (array_contract_test.cc) feeds it seeded random numbers over every kind and element type.
+// (array_contract_test.cc, a host of the shared library) feeds it seeded random numbers over
+// every kind and element type. It uses nothing but the public interface.
 //
 // The elements always stand in ascending order (searches assume it). Where file storage
 // deliberately answers differently the comparison is narrowed rather than skipped:
@@ -33,8 +34,13 @@
 #include <type_traits>
 #include <vector>
 
-#include "src/platform/platform.h"
 #include "zu_data_manager/zu_data_manager.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <unistd.h>
+#endif
 
 namespace zu_test {
 
@@ -63,6 +69,17 @@ struct Keys<SimpleBigData<N>> {
 };
 
 enum class Storage { kMemory, kFile, kSelfSpilling };
+
+// File storage keeps one sample per page of the system's memory pages (as a host sees them).
+inline uint64_t PageBytes() {
+#ifdef _WIN32
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  return info.dwPageSize;
+#else
+  return static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+#endif
+}
 
 // A failed comparison; ArrayModel::Run reports its message.
 struct ModelMismatch {
@@ -300,7 +317,7 @@ class ArrayModel {
       // is not below the value (past the samples: the next would-be sample), and the sample
       // before it as the floor unless that position holds the value. A wide tolerance takes a
       // neighbouring sample and hands out its value; a tolerance of 0 is exact.
-      const uint64_t interval = zu::platform::Current().PageSize() / sizeof(T);
+      const uint64_t interval = PageBytes() / sizeof(T);
       uint64_t located = (n + interval - 1) / interval * interval;
       for (uint64_t j = 0; j < n; j += interval) {
         if (!(model_[j] < probe)) {

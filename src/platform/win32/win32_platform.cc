@@ -50,6 +50,19 @@ std::wstring WithBackslashes(std::wstring path) {
   return path;
 }
 
+// Whether `name` ends with `extension`, compared case-insensitively as the file system does.
+bool HasExtension(const std::wstring& name, const std::wstring& extension) {
+  if (name.size() < extension.size()) return false;
+  const size_t offset = name.size() - extension.size();
+  for (size_t i = 0; i < extension.size(); ++i) {
+    if (std::towupper(static_cast<wint_t>(name[offset + i])) !=
+        std::towupper(static_cast<wint_t>(extension[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
 SYSTEM_INFO SystemInfo() {
   SYSTEM_INFO info;
   GetSystemInfo(&info);
@@ -187,7 +200,10 @@ class Win32Platform : public Platform {
     HANDLE search = FindFirstFileW(pattern.c_str(), &found);
     if (search == INVALID_HANDLE_VALUE) return names;
     do {
-      if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      // The pattern also matches 8.3 short names: "keep.KMBX" is found as "KEEP~EDY.KMB".
+      // Only the long name's own extension counts.
+      if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 &&
+          HasExtension(found.cFileName, extension)) {
         names.push_back(found.cFileName);
       }
     } while (FindNextFileW(search, &found));
