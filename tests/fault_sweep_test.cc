@@ -9,9 +9,8 @@
 // failing segment (the segments before it intact, so its size is a multiple of the segment
 // capacity) and then makes no further OS calls; a self-spilling array that failed an add holds
 // either nothing (it cleared itself) or what it held before; every file has its blocks reserved (no
-// sparse file, so no write through a mapping can fault); a description round trip gives a prefix of
-// whole segments of what was saved; and nothing (files, descriptors, mappings) is left once the
-// arrays are gone.
+// sparse file, so no write through a mapping can fault); and nothing (files, descriptors, mappings)
+// is left once the arrays are gone.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -46,23 +45,16 @@ constexpr int kCannotMount = 77;
 // What one run observed; sent by the child.
 struct Report {
   int calls[kOps] = {};          // failable calls made, per operation
-  int bad_codes = 0;             // adding operations that answered neither 0 nor 2
+  int problems = 0;              // what no documented failure path explains (see above)
   int64_t lost = 0;              // elements the documented semantics keep that read back wrong
-  int io_after_death = 0;        // failable calls made by a file storage after it was reset
-  int broken = 0;                // sizes no documented failure path explains
   int no_space = 0;              // adding operations that answered 2
   int quiet_resets = 0;          // file storages reset by an add that still answered 0
   int read_resets = 0;           // file storages reset by a read whose view failed
-  int sparse = 0;                // files without blocks for their whole length
-  int leaked = 0;                // files, descriptors or mappings left at the end
   char first_problem[160] = {};  // the first thing that went wrong, for the message
 
-  int Problems() const {
-    return bad_codes + io_after_death + broken + sparse + leaked + (lost > 0);
-  }
-  void Note(const std::string& what) {
-    if (first_problem[0] == 0)
-      std::snprintf(first_problem, sizeof(first_problem), "%s", what.c_str());
+  int Problems() const { return problems + (lost > 0); }
+  void Problem(const std::string& what) {
+    if (problems++ == 0) std::snprintf(first_problem, sizeof(first_problem), "%s", what.c_str());
   }
 };
 
@@ -121,9 +113,8 @@ class Workload {
           code == kZuOk && in_files && size % (uint64_t{1} << 27) == 0 && size < before + n;
       r_.quiet_resets += quiet;
       if (!(code != kZuOk && (size == 0 || size == before)) && !quiet) {
-        Problem(r_.broken, "auto array: code " + std::to_string(code) + ", size " +
-                               std::to_string(before) + " -> " + std::to_string(size) + " adding " +
-                               std::to_string(n));
+        r_.Problem("auto array: code " + std::to_string(code) + ", size " + std::to_string(before) +
+                   " -> " + std::to_string(size) + " adding " + std::to_string(n));
       }
       model.resize(std::min<uint64_t>(size, model.size()));
     };
@@ -137,7 +128,6 @@ class Workload {
 
     if (!file.dead) {
       file.Compare(*this);
-      file.SaveAndLoad(*this);
       file.total += 1 << 19;
       while (file.Add(*this, 1 << 18, 0)) continue;
     }
@@ -171,7 +161,7 @@ class Workload {
       dead = true;
       if (size % segment != 0 || size > model.size()) {
         model.resize(std::min<uint64_t>(size, model.size()));
-        return w.Problem(w.r_.broken, "file array size " + std::to_string(size));
+        return w.r_.Problem("file array size " + std::to_string(size));
       }
       w.r_.quiet_resets += code == kZuOk;
       model.resize(size);
@@ -186,33 +176,11 @@ class Workload {
       array->UpperBound(&x);
       array->FindFloor(&x);
       array->SetAt(0, &x);
-      if (array->GetSize() != size) w.Problem(w.r_.broken, "a reset file array grew");
+      if (array->GetSize() != size) w.r_.Problem("a reset file array grew");
       const int after = TotalCalls(w.faults_);
-      if (after != before) {
-        w.r_.io_after_death += after - before;
-        w.r_.Note("I/O after the storage was reset");
-      }
+      if (after != before) w.r_.Problem("I/O after the storage was reset");
     }
     void Compare(Workload& w) { w.Compare(*array, model, "file array"); }
-    // The description, loaded into a second file array: whole segments attach, or none.
-    void SaveAndLoad(Workload& w) {
-      base::DictionaryValue* saved = nullptr;
-      if (!array->SaveDescription(&saved) || saved == nullptr) {
-        return w.Problem(w.r_.broken, "SaveDescription failed on a live file array");
-      }
-      std::unique_ptr<base::DictionaryValue> owned(saved);
-      std::unique_ptr<IZUArray> copy(CArrayFactory().AllocFileArray(static_cast<int>(sizeof(T))));
-      copy->LoadDescription(owned.get());
-      const uint64_t size = copy->GetSize();
-      if (size != model.size() && size % ((uint64_t{1} << 27) / sizeof(T)) != 0) {
-        return w.Problem(w.r_.broken, "loaded copy holds " + std::to_string(size) + " elements");
-      }
-      w.Compare(
-          *copy,
-          std::vector<T>(model.begin(), model.begin() + std::min<uint64_t>(size, model.size())),
-          "loaded copy");
-    }  // the copy owns the same files from here on: it goes first, the original later
-
     std::unique_ptr<IZUArray> array;
     std::vector<T> values;  // what is handed to the array, in turns
     size_t total;           // elements to add
@@ -223,12 +191,8 @@ class Workload {
   // Nothing here is refused for any reason but room: every failure must answer 2.
   void Code(int code, const char* where) {
     if (code != kZuOk && code != kZuNoSpace)
-      Problem(r_.bad_codes, std::string("code ") + std::to_string(code) + " from " + where);
+      r_.Problem(std::string("code ") + std::to_string(code) + " from " + where);
     r_.no_space += code == kZuNoSpace;
-  }
-  void Problem(int& counter, const std::string& what) {
-    ++counter;
-    r_.Note(what);
   }
   // The array's elements against `model`. A read view that cannot be mapped kills its
   // segment: what the read could not copy is gone by definition, not lost.
@@ -242,7 +206,9 @@ class Workload {
     }
     int64_t wrong = 0;
     for (size_t i = 0; i < model.size(); ++i) wrong += !(back[i] == model[i]);
-    if (wrong > 0) r_.Note(std::string(what) + " content differs");
+    if (wrong > 0 && r_.first_problem[0] == 0) {
+      std::snprintf(r_.first_problem, sizeof(r_.first_problem), "%s content differs", what);
+    }
     r_.lost += wrong;
   }
   void CheckNotSparse() {
@@ -250,7 +216,7 @@ class Workload {
     for (const auto& entry : std::filesystem::directory_iterator(data_, error)) {
       struct stat st;
       if (::stat(entry.path().c_str(), &st) == 0 && st.st_blocks * 512 < st.st_size) {
-        Problem(r_.sparse, "sparse file of " + std::to_string(st.st_size) + " bytes");
+        r_.Problem("sparse file of " + std::to_string(st.st_size) + " bytes");
       }
     }
   }
@@ -276,10 +242,9 @@ Report RunChild(const std::filesystem::path& data, FaultOp op, int nth, bool for
       for (int o = 0; o < kOps; ++o) report.calls[o] = faults.Calls(static_cast<FaultOp>(o));
     }
     std::error_code error;
-    report.leaked = static_cast<int>(std::distance(std::filesystem::directory_iterator(data, error),
-                                                   std::filesystem::directory_iterator()));
-    report.leaked += std::max(0, OpenHandleCount() - descriptors) + MappedViewCount(data);
-    if (report.leaked > 0) report.Note("files, descriptors or mappings left behind");
+    const auto left = std::distance(std::filesystem::directory_iterator(data, error), {}) +
+                      std::max(0, OpenHandleCount() - descriptors) + MappedViewCount(data);
+    if (left > 0) report.Problem("files, descriptors or mappings left behind");
     Send(pipes.out, report);
   });
   Report report;

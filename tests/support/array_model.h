@@ -36,9 +36,7 @@
 
 #include "zu_data_manager/zu_data_manager.h"
 
-#ifdef _WIN32
-#include <windows.h>
-#else
+#ifndef _WIN32
 #include <unistd.h>
 #endif
 
@@ -70,12 +68,11 @@ struct Keys<SimpleBigData<N>> {
 
 enum class Storage { kMemory, kFile, kSelfSpilling };
 
-// File storage keeps one sample per page of the system's memory pages (as a host sees them).
+// File storage keeps one sample per memory page of the system (4 KiB on every Windows the
+// library builds for).
 inline uint64_t PageBytes() {
 #ifdef _WIN32
-  SYSTEM_INFO info;
-  GetSystemInfo(&info);
-  return info.dwPageSize;
+  return 4096;
 #else
   return static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 #endif
@@ -303,15 +300,15 @@ class ArrayModel {
            "UpperBound");
     Expect(array_->Find(&probe) == (present ? lower : n), "Find");
     T nearest = probe;
-    const uint64_t near = array_->FindNearest(&nearest, Pick<uint64_t>(0, 3));
+    const uint64_t found = array_->FindNearest(&nearest, Pick<uint64_t>(0, 3));
     const uint64_t floor = array_->FindFloor(&probe);
     const uint64_t locate = array_->LocateLowerBound(&probe);
     if (n == 0) {
-      Expect(near == 0 && floor == 0 && locate == 0 && nearest == probe, "empty searches");
+      Expect(found == 0 && floor == 0 && locate == 0 && nearest == probe, "empty searches");
     } else if (!Files()) {
       Expect(locate == lower, "LocateLowerBound");
       Expect(floor == (lower >= n ? n - 1 : present ? lower : lower - 1), "FindFloor");
-      Expect(near == lower && nearest == (lower < n ? model_[lower] : probe), "FindNearest");
+      Expect(found == lower && nearest == (lower < n ? model_[lower] : probe), "FindNearest");
     } else {
       // File storage answers from one sample per page: the first sampled position whose element
       // is not below the value (past the samples: the next would-be sample), and the sample
