@@ -24,8 +24,8 @@
 #include <stdexcept>
 #include <vector>
 
-#include "src/auto/array_imp.h"
 #include "src/core/element_list.h"
+#include "src/file/array_imp.h"
 #include "src/memory/deque_array.h"
 #include "src/memory/vector_array.h"
 #include "src/memory/xdeque.h"

@@ -3,7 +3,6 @@
 #include <cwctype>
 
 #include "src/platform/platform.h"
-#include "zu_data_manager/zu_array.h"
 
 namespace zu {
 
@@ -22,6 +21,8 @@ bool IsHex(wchar_t c) { return std::iswxdigit(static_cast<wint_t>(c)) != 0; }
 }  // namespace
 
 std::wstring DataDirectory() { return DirectoryString(); }
+
+void SetDataDirectory(const std::wstring& dir) { DirectoryString() = dir; }
 
 std::wstring NewDataFilePath() {
   std::wstring dir = DirectoryString();
@@ -44,20 +45,16 @@ bool IsDataFileName(const std::wstring& path) {
   return ext == kDataFileExtension;
 }
 
-}  // namespace zu
-
-void IZUArray::SetDataDirectory(const std::wstring& dir) { zu::DirectoryString() = dir; }
-
-std::wstring IZUArray::GetDataDirectory() { return zu::DataDirectory(); }
-
-void IZUArray::CleanTmpFiles() {
-  zu::platform::Platform& os = zu::platform::Current();
-  std::wstring dir = zu::DataDirectory();
+void CleanDataFiles() {
+  platform::Platform& os = platform::Current();
+  std::wstring dir = DataDirectory();
   if (dir.empty()) return;
-  for (const wchar_t* extension : {zu::kDataFileExtension, zu::kLegacyTmpExtension}) {
+  for (const wchar_t* extension : {kDataFileExtension, kLegacyTmpExtension}) {
     for (const std::wstring& name : os.ListFiles(dir, extension)) {
       // Files that a live array of any process holds open are skipped by the platform.
       os.DeleteFileIfUnused(dir + os.PathSeparator() + name);
     }
   }
 }
+
+}  // namespace zu

@@ -21,6 +21,7 @@
 #define ZU_FILE_FILE_ARRAY_H_
 
 #include <cstdint>
+#include <memory>
 
 #include "src/core/element_list.h"
 #include "src/file/imp_array_base.h"
@@ -28,14 +29,44 @@
 
 namespace zu {
 
-template <typename T>
-struct ContainerOps<CZUMultiFileArrayImp<T>> : StorageContainerOps<T> {};
+// The array operations that a multi-file storage answers itself, from the arguments of the
+// array interface: the file array's always, and a self-spilling array's once it lives in
+// files.
+template <typename T, typename Layout = FileLayout>
+struct FileArrayOps {
+  using Storage = CZUMultiFileArrayImp<T, Layout>;
 
-template <typename T>
-class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
+  // An index at or beyond the size is ignored.
+  static void SetAt(Storage& files, uint64_t index, const void* value);
+  static uint64_t UpperBound(Storage& files, const void* value) {
+    return files.UpperBound(*static_cast<const T*>(value));
+  }
+  static uint64_t LowerBound(Storage& files, const void* value) {
+    return files.LowerBound(*static_cast<const T*>(value));
+  }
+  static uint64_t FindNearest(Storage& files, void* inout, uint64_t tolerance) {
+    return files.FindNearest(static_cast<T*>(inout), tolerance);
+  }
+  static uint64_t LocateLowerBound(Storage& files, const void* value) {
+    return files.LocateLowerBound(*static_cast<const T*>(value));
+  }
+  static uint64_t FindFloor(Storage& files, const void* value) {
+    return files.FindFloor(*static_cast<const T*>(value));
+  }
+  // True when the description carried a "files" list (the files up to the first unusable
+  // entry are attached); false for a null description.
+  static bool LoadDescription(Storage& files, const base::DictionaryValue* desc);
+  // Hands out a new description (the caller owns it); false for a null out.
+  static bool SaveDescription(Storage& files, base::DictionaryValue** out);
+};
+
+// Layout: the size of the storage's segments (FileLayout unless a test chooses a smaller one).
+template <typename T, typename Layout = FileLayout>
+class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
  public:
-  using Storage = CZUMultiFileArrayImp<T>;
-  using Base = CZUImpArrayBase<T, Storage>;
+  using Storage = CZUMultiFileArrayImp<T, Layout>;
+  using Base = CZUArrayBase<T, Storage>;
+  using Ops = FileArrayOps<T, Layout>;
 
   // The staged single append is tried first, outside the exception guard, so that the common
   // case costs no more than a few stores; the rest takes the guarded path.
@@ -43,26 +74,42 @@ class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
     if (this->container_->TryStage(*static_cast<const T*>(value))) return kZuOk;
     return AppendGuarded(value);
   }
-  void SetAt(uint64_t index, const void* value) override;
+  void SetAt(uint64_t index, const void* value) override {
+    Ops::SetAt(*this->container_, index, value);
+  }
   // The storage's cached last element; an empty storage (no file) answers its all-ones
   // element, so out is always written.
   void* GetLast(void* out) override {
     *static_cast<T*>(out) = *this->container_->GetBackReadPtr();
     return out;
   }
+  // The exact lower bound, when it lies within the array and holds the value; an answer at or
+  // beyond the size is passed on as it is.
   uint64_t Find(const void* value) override;
-  uint64_t UpperBound(const void* value) override;
-  uint64_t LowerBound(const void* value) override;
-  uint64_t FindNearest(void* inout, uint64_t tolerance) override;
-  uint64_t LocateLowerBound(const void* value) override;
-  uint64_t FindFloor(const void* value) override;
+  uint64_t UpperBound(const void* value) override {
+    return Ops::UpperBound(*this->container_, value);
+  }
+  uint64_t LowerBound(const void* value) override {
+    return Ops::LowerBound(*this->container_, value);
+  }
+  uint64_t FindNearest(void* inout, uint64_t tolerance) override {
+    return Ops::FindNearest(*this->container_, inout, tolerance);
+  }
+  uint64_t LocateLowerBound(const void* value) override {
+    return Ops::LocateLowerBound(*this->container_, value);
+  }
+  uint64_t FindFloor(const void* value) override {
+    return Ops::FindFloor(*this->container_, value);
+  }
   // A storage with a failed segment is replaced by a fresh one; otherwise it is emptied.
   // Either way the files go.
   void Clear() override;
-  // True when the description carried a "files" list (the files up to the first unusable
-  // entry are attached).
-  bool LoadDescription(const base::DictionaryValue* desc) override;
-  bool SaveDescription(base::DictionaryValue** out) override;
+  bool LoadDescription(const base::DictionaryValue* desc) override {
+    return Ops::LoadDescription(*this->container_, desc);
+  }
+  bool SaveDescription(base::DictionaryValue** out) override {
+    return Ops::SaveDescription(*this->container_, out);
+  }
   // Creates the empty storage; no file is made before the first element.
   bool Init() override;
 
@@ -70,8 +117,56 @@ class CZUFileArray : public CZUImpArrayBase<T, CZUMultiFileArrayImp<T>> {
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
 };
 
-#define ZU_DECLARE_FILE_ARRAY(T)                                     \
-  extern template class CZUImpArrayBase<T, CZUMultiFileArrayImp<T>>; \
+template <typename T, typename Layout>
+void FileArrayOps<T, Layout>::SetAt(Storage& files, uint64_t index, const void* value) {
+  if (index >= static_cast<uint64_t>(files.GetSize())) return;
+  files.SetElement(index, *static_cast<const T*>(value));
+}
+
+template <typename T, typename Layout>
+bool FileArrayOps<T, Layout>::LoadDescription(Storage& files, const base::DictionaryValue* desc) {
+  if (desc == nullptr) return false;
+  return files.LoadDescription(*desc);
+}
+
+template <typename T, typename Layout>
+bool FileArrayOps<T, Layout>::SaveDescription(Storage& files, base::DictionaryValue** out) {
+  if (out == nullptr) return false;
+  *out = files.SaveDescription();
+  return true;
+}
+
+template <typename T, typename Layout>
+uint64_t CZUFileArray<T, Layout>::Find(const void* value) {
+  const T& v = *static_cast<const T*>(value);
+  const uint64_t n = this->Size();
+  const uint64_t i = this->container_->LowerBound(v);
+  if (i >= n) return i;
+  return *this->container_->GetReadPtr(static_cast<int64_t>(i)) == v ? i : n;
+}
+
+template <typename T, typename Layout>
+void CZUFileArray<T, Layout>::Clear() {
+  if (this->container_->HasDeadSegment()) {
+    this->container_ = std::make_shared<Storage>();
+  } else {
+    this->container_->Clear();
+  }
+}
+
+template <typename T, typename Layout>
+bool CZUFileArray<T, Layout>::Init() {
+  this->container_ = std::make_shared<Storage>();
+  return this->container_ != nullptr;
+}
+
+// The operations serve every element type (a self-spilling array of records moves into files
+// too); the file array exists for the integer types.
+#define ZU_DECLARE_FILE_ARRAY_OPS(T) extern template struct FileArrayOps<T>;
+ZU_FOR_EACH_ELEMENT_TYPE(ZU_DECLARE_FILE_ARRAY_OPS)
+#undef ZU_DECLARE_FILE_ARRAY_OPS
+#define ZU_DECLARE_FILE_ARRAY(T)                                  \
+  extern template class CZUArrayBase<T, CZUMultiFileArrayImp<T>>; \
   extern template class CZUFileArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_FILE_ARRAY)
 #undef ZU_DECLARE_FILE_ARRAY

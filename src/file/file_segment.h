@@ -1,73 +1,67 @@
 // CZUFileArrayImp<T>: one append-only run of up to 128 MiB of elements kept in one temporary
 // file of the data directory, the unit from which the multi-file storage is built.
 //
-// The file is reached through two views: a write view of one chunk (1 MiB) on the chunk that
-// holds the end of the data, and a read view. Where the platform lets a view reach past the
-// end of its file (64-bit POSIX), the read view covers the whole segment, is mapped once and
-// never moves, so random reads cost no remapping; elsewhere it is one chunk long and follows
-// the last random read. Read views are advised for random access (a search touches one page,
-// which is all that should be read from disk); bulk copies ask for their range up front.
-// Elements appended one at a time are gathered in a small stage and written to the file in
-// page-aligned runs, which spares a page fault per page of the write view; everything that
-// looks at the file (reads, searches, descriptions, the write view) writes the stage first or
-// answers from it, so the stage is never visible. Besides
-// the file it keeps in memory a copy of every element whose index is a multiple of the chunk
-// length (boundary samples) and of the sample interval, one page of data (page samples, one
-// vector per chunk), so that a search over sorted data narrows down without touching the
-// file. The file grows in chunk steps; its blocks are reserved before they are mapped for
-// writing, so running out of disk is an error (ZuArrayNoSpaceException from growth), never a
-// fault.
+// It joins three parts and keeps the segment's own state (size, capacity, the cached last
+// element, the dead / ready / flush-pending flags) beside them:
+//  * the mapped file (MappedFile): the file, its mapping object, a write view of one chunk
+//    (1 MiB) on the chunk that holds the end of the data, and a read view;
+//  * the samples (SampleIndex): in-memory copies of every element at a chunk boundary and at
+//    every page, so that a search over sorted data narrows down without touching the file;
+//  * the append stage (AppendStage): elements appended one at a time, written to the file in
+//    page-aligned runs, which spares a page fault per page of the write view. Everything that
+//    looks at the file (reads, searches, descriptions, the write view) writes the stage first
+//    or answers from it, so the stage is never visible.
+// The file grows in chunk steps; its blocks are reserved before they are mapped for writing,
+// so running out of disk is an error (ZuArrayNoSpaceException from growth), never a fault.
 //
-// Failure: a segment whose file cannot be created, grown or mapped resets itself and turns
-// dead: it forgets its elements, ignores every later operation and hands out dummy elements.
-// Only attaching it to another file revives it.
+// Failure: a segment whose file cannot be created, grown or mapped tears itself down and turns
+// dead: it forgets its elements, ignores every later operation and hands out placeholder
+// elements. Only attaching it to another file revives it.
 //
 // Ownership: the segment owns its file and deletes it when destroyed (also a file it was
 // attached to). Element addresses it returns stay valid until the next remap of that view.
 // Thread-safety: two locks guard the views (read view: read lock; write view, stage, size and
-// samples during appends: write lock). Growth takes write then read; destruction and attach
-// take read then write. One writer at a time; do not destroy or attach while appending. A
-// single append that only joins the stage (no sample, no file write, no view) takes no lock:
-// it is the one writer's own state, and the lock's atomic operation would cost more than the
-// append. Nor does a read of a file element through a wide read view, which never moves.
+// samples during appends: write lock). Growth takes write then read; destruction, attach and
+// the sample searches take read then write. One writer at a time; do not destroy or attach
+// while appending. A single append that only joins the stage (no sample, no file write, no
+// view) takes no lock: it is the one writer's own state, and the lock's atomic operation would
+// cost more than the append. Nor does a read of a file element through a wide read view, which
+// never moves.
 #ifndef ZU_FILE_FILE_SEGMENT_H_
 #define ZU_FILE_FILE_SEGMENT_H_
 
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "src/auto/array_imp.h"
 #include "src/core/critical_section.h"
 #include "src/core/element_list.h"
 #include "src/core/range.h"
-#include "src/memory/xdeque.h"
-#include "src/platform/platform.h"
+#include "src/file/append_stage.h"
+#include "src/file/array_imp.h"
+#include "src/file/mapped_file.h"
+#include "src/file/sample_index.h"
 #include "zu_data_manager/values.h"
 
 namespace zu {
 
-// Bytes of file data behind one view, and the step by which a file grows.
-constexpr uint64_t kChunkBytes = 0x100000;
-// Bytes of data one segment (one file) holds at most.
-constexpr uint64_t kSegmentBytes = 0x8000000;
-// Vectors per block of the page-sample container.
-constexpr unsigned int kPageSampleBlock = 1024;
-
 // Bytes of elements gathered by single appends before they go to the file in one write.
 constexpr uint64_t kStageBytes = 0x10000;
 
-template <typename T>
+// Layout: the size of the segment (FileLayout unless a test chooses a smaller one). The bodies
+// are in file_segment_inl.h; the library instantiates the default layout for every element
+// type.
+template <typename T, typename Layout = FileLayout>
 class CZUFileArrayImp final : public IZUArrayImp<T> {
+  static_assert(Layout::kSegmentBytes >= kChunkBytes && Layout::kSegmentBytes % kChunkBytes == 0,
+                "a segment is a whole number of chunks");
+
  public:
   // Elements per view / growth step, and per segment.
   static constexpr uint64_t kChunkLength = kChunkBytes / sizeof(T);
-  static constexpr uint64_t kMaxSize = kSegmentBytes / sizeof(T);
+  static constexpr uint64_t kMaxSize = Layout::kSegmentBytes / sizeof(T);
   // Elements per stage; a stage-aligned run never crosses a chunk.
   static constexpr uint64_t kStageLength =
       kStageBytes / sizeof(T) < kChunkLength ? kStageBytes / sizeof(T) : kChunkLength;
-  using PageSamples = std::xdeque<std::vector<T>, kPageSampleBlock>;
 
   // Creates the segment's file in the data directory (creating the directory first). A file
   // that cannot be created leaves the segment dead; nothing is thrown.
@@ -77,13 +71,13 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   CZUFileArrayImp& operator=(const CZUFileArrayImp&) = delete;
 
   // Only the last chunk is writable, and only while the write view covers it; any other index
-  // gets a dummy. Writes through it bypass the samples and the cached last value.
+  // gets a placeholder. Writes through it bypass the samples and the cached last value.
   T* GetWritePtr(int64_t index) override;
   // Sampled indexes are answered from memory; others map the read view on demand.
   const T* GetReadPtr(int64_t index) override;
   // The cached last appended value (not the file data).
-  T* GetBackWritePtr() override;
-  const T* GetBackReadPtr() override;
+  T* GetBackWritePtr() override { return dead_ ? &placeholders_.back : &last_value_; }
+  const T* GetBackReadPtr() override { return GetBackWritePtr(); }
   // Size to 0, samples dropped; the file keeps its length so refilling does not grow it.
   void Clear() override;
   int64_t GetSize() override { return static_cast<int64_t>(size_); }
@@ -91,14 +85,12 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   void PushBack(const T& value) override {
     if (!TryStage(value)) PushBackSlow(value);
   }
-  // The common case of a single append, inline: an element below fast_end_ joins a stage run
-  // already begun, records no sample and does not complete the run, so it touches neither a
-  // view, nor the file, nor the samples and takes no lock (appends come from one thread at a
-  // time). False, with nothing done, for everything else: PushBack takes the write lock then.
+  // The common case of a single append, inline: it touches neither a view, nor the file, nor
+  // the samples, and takes no lock (appends come from one thread at a time). False, with
+  // nothing done, for everything else: PushBack takes the write lock then.
   bool TryStage(const T& value) {
     const uint64_t index = size_;
-    if (index >= fast_end_) return false;
-    stage_[index % kStageLength] = value;
+    if (!stage_.TryPut(index, value)) return false;
     size_ = index + 1;
     last_value_ = value;
     return true;
@@ -134,23 +126,29 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // from one page of file data (*inout unchanged).
   uint64_t SegmentFindNearest(T* inout, uint64_t tolerance);
   // Position of the last page sample, counted from the segment's start; 0 without samples.
-  uint64_t LastSamplePosition();
+  uint64_t LastSamplePosition() const { return samples_.LastPosition(); }
 
   bool dead() const { return dead_; }
   // True when the read view covers the whole segment rather than one chunk.
-  bool wide_read_view() const { return wide_read_view_; }
+  bool wide_read_view() const { return file_.wide_read_view(); }
   bool ready() const { return ready_; }
-  uint64_t sample_interval() const { return sample_interval_; }
-  const std::wstring& path() const { return path_; }
+  uint64_t sample_interval() const { return samples_.interval(); }
+  const std::wstring& path() const { return file_.path(); }
   uint64_t capacity() const { return capacity_; }
 
  private:
+  using Samples = SampleIndex<T, kChunkLength>;
   enum class View { kRead, kWrite };
+  // What a teardown gives up besides the elements (staged ones too) and the views.
+  enum class Teardown {
+    kDie,        // the segment turns dead; the file stays open so that destruction deletes it
+    kCloseFile,  // the mapping object and the file, which is deleted
+  };
 
-  // Forgets every element and turns the segment dead (views unmapped, file kept open so the
-  // destructor can delete it).
-  void Reset();
-  // Maps the chosen view on the chunk of `position`; resets the segment on failure.
+  // The one teardown: forgets every element and unmaps the views, then as `what` says.
+  void TearDown(Teardown what);
+  // Maps the chosen view on the chunk of `position` (the write view takes the stage and is
+  // written back first); tears the segment down on failure.
   bool MapView(uint64_t position, View view);
   // Makes the file hold `capacity` elements and maps both views. Throws
   // ZuArrayNoSpaceException (after releasing the locks) when the file cannot grow.
@@ -158,15 +156,17 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // Maps the read view on `chunk` if it is elsewhere (a wide view once); the address of the
   // chunk's first element, or null when mapping fails.
   const T* ReadChunk(uint64_t chunk);
-  // Bytes one read view spans.
-  size_t ReadViewBytes() const { return wide_read_view_ ? kSegmentBytes : kChunkBytes; }
+  // The write view as elements when it covers the chunk of `index`; null otherwise.
+  T* WriteViewAt(uint64_t index) const {
+    return static_cast<T*>(file_.WriteViewOn(index / kChunkLength));
+  }
+  // Maps the write view on the chunk of `index` unless it is there already.
+  bool WriteViewTo(uint64_t index) {
+    return WriteViewAt(index) != nullptr || MapView(index, View::kWrite);
+  }
   // Writes the staged elements to the file (through the write view should the write be
   // refused: the blocks are reserved, so the view always takes them). No-op when none.
   void WriteStage();
-  // Forgets the staged elements (the segment is dropping its file or its elements).
-  void DropStage();
-  // Records the samples for element `index` (the next one to be appended).
-  void RecordSamples(uint64_t index, const T& value);
   // The last element a file write of AppendRun took from the source, and the size after it.
   struct BulkTail {
     T value{};
@@ -180,44 +180,23 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   void FlushIfPending();
   // PushBack for every case that may grow, map, sample, write or flush.
   void PushBackSlow(const T& value);
-  void ReleaseFile();
+  // Exact lower bound of value within `page`, read through the read view.
+  uint64_t ScanPage(const typename Samples::Page& page, const T& value);
 
-  // Exact lower bound over [start, start + len) of chunk `chunk`, which the read view holds.
-  uint64_t ScanPage(uint64_t chunk, uint64_t start, const T& value);
-  // Chunk whose range may hold value: the one before the first boundary sample >= value.
-  // False when value is at or below the first sample (the answer is 0 then).
-  bool ChunkBelow(const T& value, uint64_t* chunk);
-
-  platform::FileHandle file_ = platform::kInvalidFile;  // open while the segment has a file
-  std::wstring path_;  // the owned file's path; empty when none is owned
-  platform::MappingHandle mapping_ = platform::kNoMapping;  // sized to mapped_capacity_
-  CZUCriticalSection read_lock_;                            // guards read_view_ and read_position_
-  CZUCriticalSection write_lock_;  // guards write_view_, size_ and samples on append
-  T* read_view_ = nullptr;    // the whole segment, or chunk read_position_ / kChunkLength; or null
-  T* write_view_ = nullptr;   // chunk write_chunk_, or null
-  uint64_t write_chunk_ = 0;  // chunk the write view covers when mapped
-  uint64_t size_ = 0;         // size_ <= capacity_ <= mapped_capacity_
-  uint64_t read_position_ = 0;       // last index read through the read view
-  uint64_t capacity_ = 0;            // elements the file is sized for; multiple of chunk
-  T last_value_{};                   // copy of the last appended element
-  std::vector<T> boundary_samples_;  // element k * kChunkLength for every chunk k < size
-  PageSamples page_samples_;         // per chunk: elements at multiples of the interval
-  uint64_t mapped_capacity_ = 0;     // elements covered by mapping_
-  uint64_t sample_interval_ = 1;     // power of two dividing kChunkLength
-  uint64_t sample_mask_ = 0;         // sample_interval_ - 1
-  unsigned sample_shift_ = 0;        // log2(sample_interval_)
-  std::unique_ptr<T[]> stage_;       // single appends not yet written; slot = index mod stage
-  // Elements from stage_first_ to size_ are in stage_ (not yet in the file); kNoStage: none.
-  static constexpr uint64_t kNoStage = ~uint64_t{0};
-  uint64_t stage_first_ = kNoStage;
-  // Single appends at indexes below this take the inline path: the stage run holding size_
-  // has begun, and neither a sample index nor the run's last index lies in [size_, fast_end_).
-  // Nothing above size_ while the stage is empty, the segment is dead or a flush is pending.
-  uint64_t fast_end_ = 0;
-  bool wide_read_view_ = false;      // the read view spans the segment from offset 0
-  bool dead_ = false;                // failed: every operation is a no-op
-  bool flush_pending_ = false;       // flush the write view after the next append
-  bool ready_ = false;               // file open and samples valid
+  // The fields of the inline paths (single appends, lock-free reads) come first.
+  uint64_t size_ = 0;                       // size_ <= capacity_ <= kMaxSize
+  AppendStage<T, kStageLength> stage_;      // single appends not yet in the file
+  T last_value_{};                          // copy of the last appended element
+  MappedFile file_{Layout::kSegmentBytes};  // the file, its mapping object and both views
+  Samples samples_;                         // the samples of every element appended
+  // Locks, taken in the order the thread-safety note above gives.
+  CZUCriticalSection read_lock_;   // guards the read view
+  CZUCriticalSection write_lock_;  // guards the write view, the stage, size_ and the samples
+  uint64_t capacity_ = 0;          // elements the file is sized for; multiple of chunk
+  Placeholders<T> placeholders_;   // handed out where no element can be
+  bool dead_ = false;              // failed: every operation is a no-op
+  bool flush_pending_ = false;     // flush the write view after the next append
+  bool ready_ = false;             // file open and samples valid
 };
 
 #define ZU_DECLARE_FILE_SEGMENT(T) extern template class CZUFileArrayImp<T>;

@@ -1,70 +1,60 @@
-// CZUImpArrayBase<T, Storage>: the array bodies shared by every array whose container is a
-// storage behind the storage interface (IZUArrayImp<T>): the file array over its multi-file
-// storage and the self-spilling arrays over whichever storage they hold at the moment.
+// CZUArrayBase<T, Storage> for the storages behind the storage interface: the array bodies
+// shared by the file array (over its CZUMultiFileArrayImp<T>) and the self-spilling arrays
+// (over IZUArrayImp<T>, whichever storage they hold at the moment).
 //
 // Elements are read through GetReadPtr and copied at once (an address into a file view stays
 // valid only until the next remap), written through GetWritePtr, appended with PushBack and
-// Append, and copied out with ReadData. Searches here are plain bisections over GetReadPtr;
-// storages with samples give better ones in the classes built on this.
+// Append, and copied out with ReadData; indexes stay 64-bit throughout. Searches here are
+// plain bisections over GetReadPtr; storages with samples give better ones in the classes
+// built on this.
 //
-// Ownership: the array owns its storage through the base's shared pointer, set by Init().
+// Ownership: the array owns its storage through the shared pointer, set by Init().
 // Thread-safety: not thread-safe: one thread per array.
 #ifndef ZU_FILE_IMP_ARRAY_BASE_H_
 #define ZU_FILE_IMP_ARRAY_BASE_H_
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 
-#include "src/auto/array_imp.h"
 #include "src/core/bisect.h"
 #include "src/core/errors.h"
+#include "src/file/array_imp.h"
 #include "src/memory/array_base.h"
 
 namespace zu {
 
-// The container operations of the array base, expressed over the storage interface. Only
-// reached through the base's own bodies, which the arrays over storages override.
-template <typename T>
-struct StorageContainerOps {
-  // Writable only where the storage allows it (a dummy elsewhere).
-  static T& At(IZUArrayImp<T>& c, uint32_t i) { return *c.GetWritePtr(i); }
-  static void EraseAll(IZUArrayImp<T>& c) { c.Clear(); }
-  static void InsertRange(IZUArrayImp<T>& c, uint32_t /*at_end*/, ArrayIterBase* first,
-                          ArrayIterBase* last) {
-    c.Append(ZuArrayIter<T>(first), ZuArrayIter<T>(last));
-  }
-  static void CopyOut(IZUArrayImp<T>& c, uint32_t from, uint32_t n, T* dest) {
-    int64_t count = n;
-    c.ReadData(dest, from, count);
-  }
+// The storages take the bodies below rather than the in-memory ones: the storage interface
+// here, the multi-file storage next to its class.
+struct StorageFamily {};
+template <typename T, typename A>
+struct ArrayBaseFamily<IZUArrayImp<T, A>> {
+  using type = StorageFamily;
 };
 
-template <typename T, typename A>
-struct ContainerOps<IZUArrayImp<T, A>> : StorageContainerOps<T> {};
-
 template <typename T, typename Storage>
-class CZUImpArrayBase : public CZUArrayBase<T, Storage> {
+class CZUArrayBase<T, Storage, StorageFamily> : public CZUArrayCommon<T> {
  public:
   void* GetAt(uint64_t index, void* out) override {
     if (index >= Size()) return nullptr;
-    *static_cast<T*>(out) = *this->container_->GetReadPtr(static_cast<int64_t>(index));
+    *static_cast<T*>(out) = *container_->GetReadPtr(static_cast<int64_t>(index));
     return out;
   }
 
   int Append(const void* value) override {
-    return GuardAdd([&] { this->container_->PushBack(*static_cast<const T*>(value)); });
+    return GuardAdd([&] { container_->PushBack(*static_cast<const T*>(value)); });
   }
 
   void SetAt(uint64_t index, const void* value) override {
     if (index < Size()) {
-      *this->container_->GetWritePtr(static_cast<int64_t>(index)) = *static_cast<const T*>(value);
+      *container_->GetWritePtr(static_cast<int64_t>(index)) = *static_cast<const T*>(value);
     }
   }
 
   // Null on an empty array: no storage is asked for an element it does not have.
   void* GetLast(void* out) override {
     if (Size() == 0) return nullptr;
-    *static_cast<T*>(out) = *this->container_->GetBackReadPtr();
+    *static_cast<T*>(out) = *container_->GetBackReadPtr();
     return out;
   }
 
@@ -84,11 +74,11 @@ class CZUImpArrayBase : public CZUArrayBase<T, Storage> {
   }
 
   int Assign(ArrayIterBase* first, ArrayIterBase* last) override {
-    return GuardAdd([&] { this->container_->Assign(ZuArrayIter<T>(first), ZuArrayIter<T>(last)); });
+    return GuardAdd([&] { container_->Assign(ZuArrayIter<T>(first), ZuArrayIter<T>(last)); });
   }
 
   int AppendRange(ArrayIterBase* first, ArrayIterBase* last) override {
-    return GuardAdd([&] { this->container_->Append(ZuArrayIter<T>(first), ZuArrayIter<T>(last)); });
+    return GuardAdd([&] { container_->Append(ZuArrayIter<T>(first), ZuArrayIter<T>(last)); });
   }
 
   // Copies only what exists: a start at or beyond the end copies nothing.
@@ -97,19 +87,25 @@ class CZUImpArrayBase : public CZUArrayBase<T, Storage> {
     uint64_t from = static_cast<unsigned int>(start);
     if (from >= size) return;
     auto n = static_cast<int64_t>(std::min<uint64_t>(count, size - from));
-    this->container_->ReadData(static_cast<T*>(dest), static_cast<int64_t>(from), n);
+    container_->ReadData(static_cast<T*>(dest), static_cast<int64_t>(from), n);
   }
 
-  void Clear() override { this->container_->Clear(); }
+  void Clear() override { container_->Clear(); }
   uint64_t GetSize() override { return Size(); }
 
+  // Slot 20: builds the storage. The base has none to build.
+  virtual bool Init() { return false; }
+
  protected:
-  uint64_t Size() { return static_cast<uint64_t>(this->container_->GetSize()); }
+  uint64_t Size() { return static_cast<uint64_t>(container_->GetSize()); }
   // Element i by value: the storage's address may not outlive the next read.
   auto Reader() {
-    Storage* storage = this->container_.get();
+    Storage* storage = container_.get();
     return [storage](uint64_t i) -> T { return *storage->GetReadPtr(static_cast<int64_t>(i)); };
   }
+
+  // Empty until Init().
+  std::shared_ptr<Storage> container_;
 };
 
 }  // namespace zu

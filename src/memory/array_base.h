@@ -5,9 +5,14 @@
 //    (FindNearest, LocateLowerBound, FindFloor, AppendBuffer, the refusing AppendRange, the
 //    description stubs, GetItemPtr). Every array class shares them, so a class that overrides
 //    LowerBound, GetAt or AppendRange changes their answers accordingly.
-//  * CZUArrayBase<T, Container> gives the container bodies for std::vector and std::xdeque.
-//    What differs between those two containers lives in ContainerOps<Container>, specialised
-//    next to each container.
+//  * CZUArrayBase<T, Container> gives the container bodies. Which bodies depends on the
+//    container's family: the in-memory containers (std::vector, std::xdeque) get those below,
+//    written over ContainerOps<Container>, which is specialised next to each container; the
+//    file layer gives the bodies for its storages (src/file/imp_array_base.h).
+//
+// An array that holds no container (an attached view of a caller's buffer) refuses every
+// in-memory body that needs one with the not-implemented error (std::logic_error), except the
+// two hot paths, Append and GetAt, which such an array gives itself.
 //
 // Ownership: the array owns its container through a shared pointer, set by Init().
 // Thread-safety: not thread-safe: one thread per array.
@@ -74,6 +79,14 @@ class CZUArrayCommon : public IZUArray {
   virtual unsigned char* GetItemPtr(uint64_t /*index*/) { return nullptr; }
 };
 
+// Which family of bodies CZUArrayBase gives a container: the in-memory one unless a layer
+// above names another for its own containers.
+struct InMemoryFamily {};
+template <typename Container>
+struct ArrayBaseFamily {
+  using type = InMemoryFamily;
+};
+
 // Per-container operations: At(c, i), InsertRange(c, pos, first, last), CopyOut(c, from, n,
 // dest), EraseAll(c) (keeps capacity or blocks for reuse), and optionally TryPushBack(c, v)
 // (a push that allocates nothing, or false). Specialised next to each container.
@@ -100,7 +113,8 @@ bool TryPushBackWithinLimit(Container& c, const T& v) {
   return c.size() < kMaxInMemoryElements && Ops::TryPushBack(c, v);
 }
 
-template <typename T, typename Container>
+template <typename T, typename Container,
+          typename Family = typename ArrayBaseFamily<Container>::type>
 class CZUArrayBase : public CZUArrayCommon<T> {
  public:
   using Ops = ContainerOps<Container>;
@@ -125,20 +139,20 @@ class CZUArrayBase : public CZUArrayCommon<T> {
   }
 
   void SetAt(uint64_t index, const void* value) override {
-    Container& c = *container_;
+    Container& c = Held();
     if (index < c.size()) Ops::At(c, static_cast<uint32_t>(index)) = *static_cast<const T*>(value);
   }
 
   // Null on an empty array rather than reading before the first element.
   void* GetLast(void* out) override {
-    Container& c = *container_;
+    Container& c = Held();
     if (c.size() == 0) return nullptr;
     *static_cast<T*>(out) = Ops::At(c, static_cast<uint32_t>(c.size() - 1));
     return out;
   }
 
   uint64_t Find(const void* value) override {
-    Container& c = *container_;
+    Container& c = Held();
     const T& v = *static_cast<const T*>(value);
     uint64_t n = c.size();
     uint64_t i = BisectLower(n, v, ElementAt(c));
@@ -146,18 +160,18 @@ class CZUArrayBase : public CZUArrayCommon<T> {
   }
 
   uint64_t UpperBound(const void* value) override {
-    Container& c = *container_;
+    Container& c = Held();
     return BisectUpper(c.size(), *static_cast<const T*>(value), ElementAt(c));
   }
 
   uint64_t LowerBound(const void* value) override {
-    Container& c = *container_;
+    Container& c = Held();
     return BisectLower(c.size(), *static_cast<const T*>(value), ElementAt(c));
   }
 
   int Assign(ArrayIterBase* first, ArrayIterBase* last) override {
+    Container& c = Held();  // refused before the guard: it is not a failure to add
     return GuardAdd([&] {
-      Container& c = *container_;
       Ops::EraseAll(c);
       Ops::InsertRange(c, 0, first, last);
     });
@@ -165,7 +179,7 @@ class CZUArrayBase : public CZUArrayCommon<T> {
 
   // Copies only what exists: a start at or beyond the end copies nothing.
   void CopyOut(void* dest, int start, unsigned int count) override {
-    Container& c = *container_;
+    Container& c = Held();
     uint64_t size = c.size();
     uint64_t from = static_cast<unsigned int>(start);
     if (from >= size) return;
@@ -173,8 +187,8 @@ class CZUArrayBase : public CZUArrayCommon<T> {
     Ops::CopyOut(c, static_cast<uint32_t>(from), static_cast<uint32_t>(n), static_cast<T*>(dest));
   }
 
-  void Clear() override { container_->clear(); }
-  uint64_t GetSize() override { return container_->size(); }
+  void Clear() override { Held().clear(); }
+  uint64_t GetSize() override { return Held().size(); }
 
   // Slot 20: builds the container. The base has none to build.
   virtual bool Init() { return false; }
@@ -182,6 +196,12 @@ class CZUArrayBase : public CZUArrayCommon<T> {
  protected:
   [[gnu::noinline]] int AppendGuarded(const T& v) {
     return GuardAdd([&] { PushBackWithinLimit(*container_, v); });
+  }
+
+  // The container; an array without one refuses the operation.
+  Container& Held() {
+    if (container_ == nullptr) ThrowNotImplemented();
+    return *container_;
   }
 
   static auto ElementAt(Container& c) {

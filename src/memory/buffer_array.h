@@ -5,9 +5,10 @@
 //
 // Ownership: the caller's buffer is never copied, written, resized or freed; the caller keeps
 // it alive and in place for the array's lifetime. No container is ever created, so every
-// operation that would need one (or would change the element count) refuses with the
-// not-implemented error: Append and Clear with the plain std::exception, the others with
-// std::logic_error.
+// operation that would need one refuses with the not-implemented error: the base refuses with
+// std::logic_error (SetAt, Find, LowerBound, Assign, CopyOut, and through them the searches
+// and range appends built on them), while Append and Clear, which would change the element
+// count, refuse with the plain std::exception.
 //
 // The cross array's GetAt and the element-address accessors are unchecked by design: they
 // address the caller's buffer at any index.
@@ -102,13 +103,6 @@ class CZUBufferArray : public CZUArrayBase<T, std::vector<T>> {
 
   int Append(const void* /*value*/) override { ThrowPlainNotImplemented(); }
   void Clear() override { ThrowPlainNotImplemented(); }
-  void SetAt(uint64_t /*index*/, const void* /*value*/) override { ThrowNotImplemented(); }
-  uint64_t Find(const void* /*value*/) override { ThrowNotImplemented(); }
-  uint64_t LowerBound(const void* /*value*/) override { ThrowNotImplemented(); }
-  int Assign(ArrayIterBase* /*first*/, ArrayIterBase* /*last*/) override { ThrowNotImplemented(); }
-  void CopyOut(void* /*dest*/, int /*start*/, unsigned int /*count*/) override {
-    ThrowNotImplemented();
-  }
 
   // Slots 21 to 23: element addresses without a range test, and GetAt under another name.
   virtual T* GetElementPtr(uint64_t index) { return reinterpret_cast<T*>(view_.Address(index)); }

@@ -12,7 +12,9 @@
 //    new ones, so the array never holds or frees memory it did not allocate.
 //  * CZUBufferArray<unsigned char*>, CZUCrossBufferArray<unsigned char*>: records lying in a
 //    caller's buffer, contiguous or interleaved. The buffer is never written, resized or
-//    freed: the operations that would need that refuse with the not-implemented error.
+//    freed: the operations that would need that refuse with the not-implemented error (the
+//    base's SetAt, Assign and FreeItems because the view holds no container; Append and Clear
+//    with the plain std::exception).
 //
 // Searches other than the backward one in the UpperBound slot are not offered by record
 // arrays (std::logic_error "The method or operation is not implemented.").
@@ -42,7 +44,7 @@ using RecordPtr = unsigned char*;
 constexpr unsigned int kRecordBlockLength = 0x100000;
 
 template <typename Container>
-class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
+class CZUArrayBase<RecordPtr, Container, InMemoryFamily> : public CZUArrayCommon<RecordPtr> {
  public:
   using Ops = ContainerOps<Container>;
 
@@ -64,6 +66,7 @@ class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
   }
 
   void SetAt(uint64_t index, const void* value) override {
+    RequireContainer();
     RecordPtr record = RecordAt(index);
     if (record != nullptr) std::memcpy(record, value, RecordBytes());
   }
@@ -96,6 +99,7 @@ class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
   // stores its own copy of each and frees the records it replaces. The copies are made
   // before anything is replaced, so a failed copy leaves the content as it was.
   int Assign(ArrayIterBase* first, ArrayIterBase* last) override {
+    RequireContainer();  // refused before the guard: it is not a failure to add
     return GuardAdd([&] {
       // A range that ends before it starts is refused like the other containers' length
       // error, before any record is replaced.
@@ -137,13 +141,21 @@ class CZUArrayBase<RecordPtr, Container> : public CZUArrayCommon<RecordPtr> {
     return !ItemLess(a, b);
   }
   // Frees every record, then drops the container's blocks and map.
-  virtual void FreeItems() { ReleaseRecords(); }
+  virtual void FreeItems() {
+    RequireContainer();
+    ReleaseRecords();
+  }
   virtual bool Init() { return false; }
 
   int record_size() const { return record_size_; }
 
  protected:
   size_t RecordBytes() const { return record_size_ > 0 ? static_cast<size_t>(record_size_) : 0; }
+
+  // An array without a container (a view of a caller's buffer) refuses the operation.
+  void RequireContainer() const {
+    if (container_ == nullptr) ThrowNotImplemented();
+  }
 
   // The stored address at index; null out of range or without a container.
   RecordPtr RecordAt(uint64_t index) {
@@ -241,9 +253,6 @@ class CZUBufferArray<RecordPtr> : public CZUArrayBase<RecordPtr, std::vector<Rec
 
   int Append(const void* /*value*/) override { ThrowPlainNotImplemented(); }
   void Clear() override { ThrowPlainNotImplemented(); }
-  void SetAt(uint64_t /*index*/, const void* /*value*/) override { ThrowNotImplemented(); }
-  int Assign(ArrayIterBase* /*first*/, ArrayIterBase* /*last*/) override { ThrowNotImplemented(); }
-  void FreeItems() override { ThrowNotImplemented(); }
 
  protected:
   CZUBufferArray(int record_size, unsigned char* buffer, uint64_t length, uint64_t count,

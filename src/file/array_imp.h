@@ -5,12 +5,13 @@
 // Slots 1/2 and 3/4 are the writable and read-only forms of the same access: identical for
 // in-memory storage, different for file storage, where only the part of a file mapped for
 // writing may be written while a read may map any part. The accessors do not check the index;
-// callers compare it with GetSize() first.
+// callers compare it with GetSize() first. Where a file storage has no element to give, it
+// hands out one of its own placeholders (Placeholders<T>).
 //
 // Ownership: created with new and held by a std::shared_ptr; destroyed with its last owner.
 // Thread-safety: not thread-safe: one thread per storage (file segments lock their views).
-#ifndef ZU_AUTO_ARRAY_IMP_H_
-#define ZU_AUTO_ARRAY_IMP_H_
+#ifndef ZU_FILE_ARRAY_IMP_H_
+#define ZU_FILE_ARRAY_IMP_H_
 
 #include <cstdint>
 #include <memory>
@@ -19,6 +20,16 @@
 #include "src/core/zu_array_iter.h"
 
 namespace zu {
+
+// The elements a storage hands out where it has none to give (an index out of range, a failed
+// segment): one per kind of access, owned by each storage object, so that arrays used on
+// different threads never share a writable element.
+template <typename T>
+struct Placeholders {
+  T write{};  // takes writes meant for no element; what it holds is never read as data
+  T read{};   // read where no element is
+  T back{};   // the last element of a storage that has none
+};
 
 template <typename T, typename Alloc = std::allocator<T>>
 class IZUArrayImp {
@@ -43,13 +54,8 @@ class IZUArrayImp {
   virtual void ReadData(T* /*dest*/, int64_t /*offset*/, int64_t& /*count*/) {
     ThrowNotImplement();
   }
-
-  // Container-style names, so that the container array base can hold any storage.
-  uint64_t size() { return static_cast<uint64_t>(GetSize()); }
-  void clear() { Clear(); }
-  void push_back(const T& value) { PushBack(value); }
 };
 
 }  // namespace zu
 
-#endif  // ZU_AUTO_ARRAY_IMP_H_
+#endif  // ZU_FILE_ARRAY_IMP_H_

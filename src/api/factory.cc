@@ -1,4 +1,5 @@
-// The factory: the one place where the element type is chosen at run time.
+// The factory: the one place that knows every array kind, and where the element type is
+// chosen at run time.
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -34,14 +35,22 @@ template <template <typename> class Kind, bool kCallInit = true>
 IZUArray* ByIntegerCode(uint32_t type) {
   switch (type) {
     case 0:
-    case 1: return BuildOwning<Kind<uint8_t>, kCallInit>();
-    case 2: return BuildOwning<Kind<uint16_t>, kCallInit>();
-    case 4: return BuildOwning<Kind<uint32_t>, kCallInit>();
-    case 8: return BuildOwning<Kind<int64_t>, kCallInit>();
-    default: return nullptr;
+    case 1:
+      return BuildOwning<Kind<uint8_t>, kCallInit>();
+    case 2:
+      return BuildOwning<Kind<uint16_t>, kCallInit>();
+    case 4:
+      return BuildOwning<Kind<uint32_t>, kCallInit>();
+    case 8:
+      return BuildOwning<Kind<int64_t>, kCallInit>();
+    default:
+      return nullptr;
   }
 }
 
+// The kinds with a layout parameter, in the library's own layout.
+template <typename T>
+using FileArray = CZUFileArray<T>;
 template <typename T>
 using AutoDeque = CZUAutoDequeArray<T>;
 template <typename T>
@@ -51,13 +60,20 @@ using AutoVector = CZUAutoVectorArray<T>;
 template <template <typename> class Kind>
 IZUArray* ByAutoCode(uint32_t type) {
   switch (type) {
-    case 16: return BuildOwning<Kind<SimpleBigData<16>>, false>();
-    case 32: return BuildOwning<Kind<SimpleBigData<32>>, false>();
-    case 64: return BuildOwning<Kind<SimpleBigData<64>>, false>();
-    case 128: return BuildOwning<Kind<SimpleBigData<128>>, false>();
-    case 256: return BuildOwning<Kind<SimpleBigData<256>>, false>();
-    case 512: return BuildOwning<Kind<SimpleBigData<512>>, false>();
-    default: return ByIntegerCode<Kind, false>(type);
+    case 16:
+      return BuildOwning<Kind<SimpleBigData<16>>, false>();
+    case 32:
+      return BuildOwning<Kind<SimpleBigData<32>>, false>();
+    case 64:
+      return BuildOwning<Kind<SimpleBigData<64>>, false>();
+    case 128:
+      return BuildOwning<Kind<SimpleBigData<128>>, false>();
+    case 256:
+      return BuildOwning<Kind<SimpleBigData<256>>, false>();
+    case 512:
+      return BuildOwning<Kind<SimpleBigData<512>>, false>();
+    default:
+      return ByIntegerCode<Kind, false>(type);
   }
 }
 
@@ -120,7 +136,7 @@ IZUArray* CArrayFactory::AllocDequeArray(int type) {
 IZUArray* CArrayFactory::AllocFileArray(int type) {
   auto code = static_cast<uint32_t>(type);
   if (!IsPowerOfTwo(code)) return nullptr;
-  return ByIntegerCode<zu::CZUFileArray>(code);
+  return ByIntegerCode<zu::FileArray>(code);
 }
 
 IZUArray* CArrayFactory::AllocAutoVectorArray(int type) {
