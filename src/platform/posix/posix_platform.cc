@@ -143,12 +143,13 @@ bool NameFile(int fd, const std::string& path) {
 // never replaces an existing file; only a file system without links gets a rename.
 int CreateLockedFileByRename(const std::string& path) {
   const std::string unlocked = path + kUnlockedSuffix;
-  ScopedFd fd(RetryOpen(unlocked, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
-                        kDataFileMode));
+  ScopedFd fd(
+      RetryOpen(unlocked, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kDataFileMode));
   if (!fd.valid()) return -1;
   bool named = RetryFlock(fd.get(), LOCK_SH);
   if (named && ::link(unlocked.c_str(), path.c_str()) != 0) {
-    named = (errno == EPERM || errno == EOPNOTSUPP) && ::rename(unlocked.c_str(), path.c_str()) == 0;
+    named =
+        (errno == EPERM || errno == EOPNOTSUPP) && ::rename(unlocked.c_str(), path.c_str()) == 0;
   }
   ::unlink(unlocked.c_str());
   return named ? fd.release() : -1;
