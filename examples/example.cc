@@ -40,7 +40,7 @@ int main() {
 
   int64_t window[5];
   array->CopyOut(window, 197, 5);  // only three elements remain from 197
-  std::printf("CopyOut(197, 5) copied the tail: %" PRId64 " %" PRId64 " %" PRId64 "\n",
-              window[0], window[1], window[2]);
+  std::printf("CopyOut(197, 5) copied the tail: %" PRId64 " %" PRId64 " %" PRId64 "\n", window[0],
+              window[1], window[2]);
   return 0;
 }

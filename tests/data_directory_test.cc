@@ -1,11 +1,11 @@
-// The data directory and the clean-up of leftover files, also against a second process.
-#include "src/file/data_directory.h"
-
+// The data directory: where files are made and how they are named (also under a name that is
+// not ASCII), what happens without one, and the clean-up of leftover files.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,22 +17,8 @@
 namespace zu_test {
 namespace {
 
-const char kCleanChildVariable[] = "ZU_TEST_CLEAN_DIRECTORY";
-
-// When started as the clean-up child, run the clean-up on the given directory and exit before
-// any test runs.
-const bool kIsCleanChild = [] {
-  if (const char* dir = std::getenv(kCleanChildVariable)) {
-    IZUArray::SetDataDirectory(std::filesystem::path(dir).wstring());
-    IZUArray::CleanTmpFiles();
-    std::_Exit(0);
-  }
-  return false;
-}();
-
 std::unique_ptr<IZUArray> FileArrayWithOneElement() {
-  CArrayFactory factory;
-  std::unique_ptr<IZUArray> array(factory.AllocFileArray(4));
+  std::unique_ptr<IZUArray> array(CArrayFactory().AllocFileArray(4));
   uint32_t value = 1;
   EXPECT_EQ(array->Append(&value), kZuOk);
   return array;
@@ -46,94 +32,94 @@ std::set<std::string> Names(const std::filesystem::path& dir) {
   return names;
 }
 
-TEST(DataDirectory, EmptyByDefaultAndCreatedWithParentsOnFirstFile) {
-  EXPECT_TRUE(IZUArray::GetDataDirectory().empty());
-  TempDataDir dir;
-  const auto nested = dir.path() / "a" / "b";
-  IZUArray::SetDataDirectory(nested.wstring());
-  EXPECT_EQ(IZUArray::GetDataDirectory(), nested.wstring());
-  {
-    auto array = FileArrayWithOneElement();
-    ASSERT_TRUE(std::filesystem::is_directory(nested));
-    std::vector<std::string> files;
-    for (const auto& entry : std::filesystem::directory_iterator(nested)) {
-      files.push_back(entry.path().filename().string());
-    }
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_TRUE(zu::IsDataFileName(std::wstring(files[0].begin(), files[0].end()))) << files[0];
-    EXPECT_FALSE(zu::IsDataFileName(L"notes.KMB"));
-    EXPECT_TRUE(zu::NewDataFilePath().find(nested.wstring() + L"//{") == 0);
-  }
-  EXPECT_TRUE(std::filesystem::is_empty(nested));
-}
+// A data file's name is a version-4 GUID in upper case, in braces, with the extension .KMB.
+const std::regex kGuidName(
+    R"(\{[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}\}\.KMB)");
 
 TEST(DataDirectory, WithoutADirectoryNothingIsCreated) {
-  IZUArray::SetDataDirectory(L"");
-  std::set<std::string> root_before;
-  for (const auto& entry : std::filesystem::directory_iterator("/")) {
-    root_before.insert(entry.path().string());
-  }
-  CArrayFactory factory;
-  std::unique_ptr<IZUArray> array(factory.AllocFileArray(8));
+  auto top_level = [] {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator("/"))
+      names.insert(entry.path().string());
+    return names;
+  };
+  const std::set<std::string> root = top_level();
+  std::unique_ptr<IZUArray> array(CArrayFactory().AllocFileArray(8));
   int64_t values[3] = {1, 2, 3};
   EXPECT_EQ(array->AppendBuffer(values, 3), kZuNoSpace);
   EXPECT_EQ(array->Append(values), kZuOk) << "a single value is ignored by the dead segment";
   EXPECT_EQ(array->GetSize(), 0u);
-  std::set<std::string> root_after;
-  for (const auto& entry : std::filesystem::directory_iterator("/")) {
-    root_after.insert(entry.path().string());
-  }
-  EXPECT_EQ(root_before, root_after);
+  EXPECT_EQ(top_level(), root);
   IZUArray::CleanTmpFiles();  // no directory: nothing to do, nothing to fail
 }
 
 TEST(DataDirectory, CleanTmpFilesRemovesOnlyLeftoversAtTheTopLevel) {
   TempDataDir dir;
-  dir.Touch("a.KMB");
-  dir.Touch("b.kmt");
-  dir.Touch("c.kMb");
-  dir.Touch("d.KMT");
   // Only the exact extension counts (a Windows search pattern also matches 8.3 short names,
   // and the short name of "x.KMBX" ends in ".KMB").
-  const char* kNotDataFiles[] = {"keep.txt", "x.KMBX", "x.kmtx", "x.KM"};
+  const char* kNotDataFiles[] = {"keep.txt", "x.KMBX", "x.kmtx", "x.KM", "sub/e.KMB"};
+  for (const char* name : {"a.KMB", "b.kmt", "c.kMb", "d.KMT"}) dir.Touch(name);
   for (const char* name : kNotDataFiles) {
-    dir.Touch(name);
-    dir.Keep(name);
+    dir.Keep(dir.Touch(name).filename().string());
   }
-  dir.Touch("sub/e.KMB");
   std::filesystem::create_directory(dir.path() / "f.KMB");
-  dir.Keep("e.KMB");
+  if (kCanMakeSymlinks)
+    std::filesystem::create_symlink(dir.path() / "keep.txt", dir.path() / "g.KMB");
   auto live = FileArrayWithOneElement();
   const auto before = Names(dir.path());
   IZUArray::CleanTmpFiles();
   auto after = Names(dir.path());
-  EXPECT_EQ(
-      after.count("a.KMB") + after.count("b.kmt") + after.count("c.kMb") + after.count("d.KMT"),
-      0u);
-  for (const char* name : kNotDataFiles) EXPECT_EQ(after.count(name), 1u) << name;
-  EXPECT_EQ(after.count("sub/e.KMB"), 1u);
+  for (const char* gone : {"a.KMB", "b.kmt", "c.kMb", "d.KMT"})
+    EXPECT_EQ(after.count(gone), 0u) << gone;
+  for (const char* kept : kNotDataFiles) EXPECT_EQ(after.count(kept), 1u) << kept;
   EXPECT_EQ(after.count("f.KMB"), 1u);
-  EXPECT_EQ(before.size() - after.size(), 4u) << "the live array's file stays";
+  EXPECT_EQ(before.size() - after.size(), 4u) << "the live array's file and a link stay";
+  EXPECT_TRUE(std::filesystem::exists(dir.path() / "keep.txt")) << "not deleted through a link";
   uint32_t out = 0;
   EXPECT_NE(live->GetAt(0, &out), nullptr);
-  live.reset();
-  EXPECT_EQ(dir.CountFiles(), 0);
-
-  // A missing directory is no error.
   IZUArray::SetDataDirectory((dir.path() / "missing").wstring());
-  IZUArray::CleanTmpFiles();
+  IZUArray::CleanTmpFiles();  // a missing directory is no error
 }
 
-TEST(DataDirectory, AnotherProcessCleaningUpSparesLiveFiles) {
+// The directory a host names holds the files, made with its parents, also when its name is not
+// ASCII: paths are wide strings in the interface, on Windows they reach the file system as they
+// are, on POSIX as UTF-8. Descriptions carry the name through JSON, and the clean-up finds
+// leftovers there.
+TEST(DataDirectory, FilesAreMadeThereWithItsParentsUnderGuidNames) {
+  EXPECT_TRUE(IZUArray::GetDataDirectory().empty()) << "empty by default";
   TempDataDir dir;
-  dir.Touch("{00000000-0000-4000-8000-000000000000}.KMB");
-  auto live = FileArrayWithOneElement();
-  ASSERT_EQ(dir.CountFiles(), 2);
-  ASSERT_EQ(RunSelfWith(kCleanChildVariable, dir.path()), 0);
-  EXPECT_EQ(dir.CountFiles(), 1) << "the stray file went, the live one stayed";
-  uint32_t out = 0;
-  EXPECT_NE(live->GetAt(0, &out), nullptr);
-  EXPECT_FALSE(kIsCleanChild);
+  const std::wstring wide = dir.wide() + L"/d\u00e9j\u00e0-\u6570\u636e/b";
+  const std::filesystem::path on_disk =
+      dir.path() / std::filesystem::u8path("d\xc3\xa9j\xc3\xa0-\xe6\x95\xb0\xe6\x8d\xae") / "b";
+  IZUArray::SetDataDirectory(wide);
+  EXPECT_EQ(IZUArray::GetDataDirectory(), wide);
+  std::vector<std::unique_ptr<IZUArray>> arrays;
+  for (int i = 0; i < 20; ++i) arrays.push_back(FileArrayWithOneElement());
+  const std::set<std::string> names = Names(on_disk);
+  EXPECT_EQ(names.size(), 20u) << "one distinct file per array";
+  for (const std::string& name : names) EXPECT_TRUE(std::regex_match(name, kGuidName)) << name;
+
+  std::vector<uint32_t> values(0x40000 + 1000);  // crosses a chunk
+  for (size_t i = 0; i < values.size(); ++i) values[i] = static_cast<uint32_t>(i * 7 + 3);
+  ASSERT_EQ(arrays[0]->AppendBuffer(values.data(), values.size()), kZuOk);
+  values.insert(values.begin(), 1);
+  base::DictionaryValue* saved = nullptr;
+  ASSERT_TRUE(arrays[0]->SaveDescription(&saved));
+  std::unique_ptr<base::DictionaryValue> owned(saved);
+  std::unique_ptr<base::DictionaryValue> parsed = base::ReadJsonDictionary(base::WriteJson(*owned));
+  std::unique_ptr<IZUArray> copy(CArrayFactory().AllocFileArray(4));
+  ASSERT_TRUE(parsed && copy->LoadDescription(parsed.get()));
+  std::vector<uint32_t> back(values.size());
+  copy->CopyOut(back.data(), 0, static_cast<unsigned int>(back.size()));
+  EXPECT_EQ(back, values);
+  const std::filesystem::path stray = on_disk / "{00000000-0000-4000-8000-0000000000AB}.KMB";
+  std::ofstream(stray) << "old";
+  IZUArray::CleanTmpFiles();
+  EXPECT_FALSE(std::filesystem::exists(stray));
+  EXPECT_EQ(Names(on_disk), names) << "the live files stay";
+  copy.reset();
+  arrays.clear();
+  EXPECT_TRUE(std::filesystem::is_empty(on_disk));
 }
 
 }  // namespace

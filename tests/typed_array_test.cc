@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <cstdint>
+#include <cstring>
 #include <numeric>
 #include <utility>
 #include <vector>
@@ -161,7 +161,8 @@ TEST(TypedArray, CountsAndStartsBeyond32Bits) {
   EXPECT_EQ(window[2], static_cast<int64_t>(past_int + 2));
   EXPECT_EQ(read.copy_out(last_start, window, 4), 4u);  // one call across 2^32
   EXPECT_EQ(window[3], static_cast<int64_t>(last_start + 3));
-  EXPECT_EQ(big->copies, (std::vector<std::pair<uint64_t, uint64_t>>{{past_int, 3}, {last_start, 4}}));
+  EXPECT_EQ(big->copies,
+            (std::vector<std::pair<uint64_t, uint64_t>>{{past_int, 3}, {last_start, 4}}));
   EXPECT_EQ(read.copy_out(uint64_t{1} << 32, window, 2), 2u);  // only element reads reach here
   EXPECT_EQ(window[1], static_cast<int64_t>((uint64_t{1} << 32) + 1));
   EXPECT_EQ(big->copies.size(), 2u);

@@ -37,8 +37,8 @@ constexpr int64_t kFirstTimestamp = 1'700'000'000'000;  // milliseconds, an ordi
 constexpr int64_t kStep = 10;                           // one reading every 10 ms
 constexpr int64_t kTolerance = 1000 * kStep;            // of the nearest-element searches
 constexpr int kSearches = 100'000;
-constexpr uint64_t kTick = uint64_t{1} << 20;           // elements between progress updates
-constexpr uint64_t kChunkBytes = 1 << 20;               // data files grow in whole 1 MiB chunks
+constexpr uint64_t kTick = uint64_t{1} << 20;  // elements between progress updates
+constexpr uint64_t kChunkBytes = 1 << 20;      // data files grow in whole 1 MiB chunks
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
@@ -152,8 +152,7 @@ std::string NoRoomReason(const fs::path& dir, uint64_t bytes) {
     return "the file system is full: " + Human(static_cast<double>(space.available)) +
            " free, the data needs " + Human(static_cast<double>(bytes));
   }
-  return "the data files could not grow although " +
-         Human(static_cast<double>(space.available)) +
+  return "the data files could not grow although " + Human(static_cast<double>(space.available)) +
          " are free (a file-size, open-file or quota limit?)";
 }
 
@@ -248,8 +247,7 @@ class Checks {
 // Searches for random stored timestamps and for values between two of them. An array in memory
 // answers exactly; in files, FindNearest may answer a sampled element within the tolerance and
 // FindFloor a sampled position at or before the floor, while LowerBound and Find stay exact.
-void CheckSearches(const zu::Array<int64_t>& array, uint64_t count, bool in_files,
-                   Checks* checks) {
+void CheckSearches(const zu::Array<int64_t>& array, uint64_t count, bool in_files, Checks* checks) {
   std::mt19937_64 random(12345);
   Progress progress("searching", kSearches);
   for (int s = 0; s < kSearches; ++s) {
@@ -264,9 +262,9 @@ void CheckSearches(const zu::Array<int64_t>& array, uint64_t count, bool in_file
     checks->Expect(array.find_nearest(between, 0).first == i + 1, "FindNearest, tolerance 0", i);
     auto [at, nearest] = array.find_nearest(between, kTolerance);
     if (in_files) {
-      checks->Expect(at < count && nearest == TimestampAt(at) &&
-                         std::llabs(nearest - between) < kTolerance,
-                     "FindNearest in files: an element within the tolerance", i);
+      checks->Expect(
+          at < count && nearest == TimestampAt(at) && std::llabs(nearest - between) < kTolerance,
+          "FindNearest in files: an element within the tolerance", i);
     } else {
       checks->Expect(at == i + 1 && nearest == (at < count ? TimestampAt(at) : between),
                      "FindNearest in memory: the lower bound", i);
@@ -305,8 +303,7 @@ int Demo(int argc, char** argv) {
     char* end = nullptr;
     count = std::strtoull(text.c_str(), &end, 10);
     if (text.empty() || text[0] == '-' || *end != '\0' || count == 0 || count > kMaxCount) {
-      std::fprintf(stderr, "zu demo: --count wants a whole number from 1 to 2^40\n\n%s",
-                   kDemoHelp);
+      std::fprintf(stderr, "zu demo: --count wants a whole number from 1 to 2^40\n\n%s", kDemoHelp);
       return kExitUsage;
     }
   }
@@ -364,10 +361,10 @@ int Demo(int argc, char** argv) {
                                : "the array could not take more (out of memory?)";
       std::fprintf(stderr, "zu demo: no room for the data in %s: %s.\n", dir.c_str(),
                    reason.c_str());
-      std::fprintf(stderr, "zu demo: the array holds %" PRIu64 " of the %" PRIu64
-                   " timestamps appended%s\n", array.size(), handed,
-                   array.size() == 0 ? " (a self-spilling array that fails an add clears itself)"
-                                     : "");
+      std::fprintf(
+          stderr, "zu demo: the array holds %" PRIu64 " of the %" PRIu64 " timestamps appended%s\n",
+          array.size(), handed,
+          array.size() == 0 ? " (a self-spilling array that fails an add clears itself)" : "");
     } else {
       progress.Done(handed, moved_after < 0 ? "in memory" : "in files");
       if (moved_after >= 0) {
@@ -443,9 +440,10 @@ int Demo(int argc, char** argv) {
   std::printf("  %-22s %s anonymous, %s file-backed\n", "resident memory",
               Human(memory.first).c_str(), Human(memory.second).c_str());
   if (kept) {
-    std::printf("\n  kept %d data files and %s\n  check them: zu inspect %s\n"
-                "  remove them: zu clean %s\n",
-                files, description_path.c_str(), description_path.c_str(), dir.c_str());
+    std::printf(
+        "\n  kept %d data files and %s\n  check them: zu inspect %s\n"
+        "  remove them: zu clean %s\n",
+        files, description_path.c_str(), description_path.c_str(), dir.c_str());
   }
   const bool passed = checks.failures() == 0;
   std::printf("\n%s\n", passed ? "zu demo: all checks passed" : "zu demo: CHECKS FAILED");

@@ -90,8 +90,8 @@ template <typename T, typename Range>
 struct is_contiguous_range_of<T, Range,
                               std::void_t<decltype(std::data(std::declval<const Range&>())),
                                           decltype(std::size(std::declval<const Range&>()))>>
-    : std::is_same<std::remove_cv_t<std::remove_pointer_t<decltype(std::data(
-                       std::declval<const Range&>()))>>,
+    : std::is_same<std::remove_cv_t<
+                       std::remove_pointer_t<decltype(std::data(std::declval<const Range&>()))>>,
                    T> {};
 
 }  // namespace internal
@@ -158,10 +158,10 @@ class Appender {
     if (status_ == Status::ok) status_ = internal::AppendPiece(array_, block_.get(), count);
   }
 
-  IZUArray* array_;           // not owned
+  IZUArray* array_;             // not owned
   std::unique_ptr<T[]> block_;  // kBlockLength elements; [block_, next_) are staged
-  T* next_;                   // where the next element goes; block_ <= next_ <= end_
-  T* end_;                    // block_ + kBlockLength
+  T* next_;                     // where the next element goes; block_ <= next_ <= end_
+  T* end_;                      // block_ + kBlockLength
   Status status_ = Status::ok;  // the first failure; nothing is handed over after one
 };
 

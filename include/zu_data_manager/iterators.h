@@ -72,15 +72,13 @@ class SimpleDataIter : public ArrayIterBase {
   unsigned int stride() const { return stride_; }
 
  private:
-  void* Address(unsigned int index) const {
-    return data_ + static_cast<size_t>(stride_) * index;
-  }
+  void* Address(unsigned int index) const { return data_ + static_cast<size_t>(stride_) * index; }
 
-  Byte* data_;                  // first byte of the first element; not owned
-  unsigned int count_;          // number of elements
-  unsigned int position_;       // 0 <= position_ <= count_
-  unsigned int stride_;         // bytes from one element to the next
-  std::set<uint64_t> marks_;    // marked positions; empty unless a host adds some
+  Byte* data_;                // first byte of the first element; not owned
+  unsigned int count_;        // number of elements
+  unsigned int position_;     // 0 <= position_ <= count_
+  unsigned int stride_;       // bytes from one element to the next
+  std::set<uint64_t> marks_;  // marked positions; empty unless a host adds some
 };
 
 #endif  // ZU_DATA_MANAGER_ITERATORS_H_

@@ -23,8 +23,15 @@ class ListValue;
 
 class ZU_EXPORT Value {
  public:
-  enum Type { TYPE_NULL, TYPE_BOOLEAN, TYPE_INTEGER, TYPE_DOUBLE, TYPE_STRING, TYPE_LIST,
-              TYPE_DICTIONARY };
+  enum Type {
+    TYPE_NULL,
+    TYPE_BOOLEAN,
+    TYPE_INTEGER,
+    TYPE_DOUBLE,
+    TYPE_STRING,
+    TYPE_LIST,
+    TYPE_DICTIONARY
+  };
 
   static Value* CreateNullValue();
   static Value* CreateBooleanValue(bool value);

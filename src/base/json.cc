@@ -69,7 +69,8 @@ Value* FromJson(const nlohmann::json& json, int depth) {
     case nlohmann::json::value_t::number_unsigned: {
       if (json.is_number_unsigned()) {
         auto u = json.get<uint64_t>();
-        if (u <= static_cast<uint64_t>(INT_MAX)) return Value::CreateIntegerValue(static_cast<int>(u));
+        if (u <= static_cast<uint64_t>(INT_MAX))
+          return Value::CreateIntegerValue(static_cast<int>(u));
         return Value::CreateDoubleValue(static_cast<double>(u));
       }
       auto i = json.get<int64_t>();

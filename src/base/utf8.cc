@@ -65,7 +65,11 @@ std::wstring Utf8ToWide(const std::string& utf8) {
   size_t i = 0;
   while (i < utf8.size()) {
     auto lead = static_cast<unsigned char>(utf8[i]);
-    int extra = lead < 0x80 ? 0 : (lead >> 5) == 0x6 ? 1 : (lead >> 4) == 0xE ? 2 : (lead >> 3) == 0x1E ? 3 : -1;
+    int extra = lead < 0x80           ? 0
+                : (lead >> 5) == 0x6  ? 1
+                : (lead >> 4) == 0xE  ? 2
+                : (lead >> 3) == 0x1E ? 3
+                                      : -1;
     char32_t cp = extra <= 0 ? lead : (lead & (0x3F >> extra));
     bool valid = extra >= 0 && i + extra < utf8.size();
     for (int k = 1; valid && k <= extra; ++k) {

@@ -35,25 +35,31 @@ class FundamentalValue : public Value {
   }
   Value* DeepCopy() const override {
     switch (GetType()) {
-      case TYPE_BOOLEAN: return new FundamentalValue(bool_);
-      case TYPE_INTEGER: return new FundamentalValue(int_);
-      default: return new FundamentalValue(double_);
+      case TYPE_BOOLEAN:
+        return new FundamentalValue(bool_);
+      case TYPE_INTEGER:
+        return new FundamentalValue(int_);
+      default:
+        return new FundamentalValue(double_);
     }
   }
   bool Equals(const Value* other) const override {
     if (other == nullptr || other->GetType() != GetType()) return false;
     const auto* o = static_cast<const FundamentalValue*>(other);
     switch (GetType()) {
-      case TYPE_BOOLEAN: return bool_ == o->bool_;
-      case TYPE_INTEGER: return int_ == o->int_;
-      default: return double_ == o->double_;
+      case TYPE_BOOLEAN:
+        return bool_ == o->bool_;
+      case TYPE_INTEGER:
+        return int_ == o->int_;
+      default:
+        return double_ == o->double_;
     }
   }
 
  private:
-  bool bool_ = false;   // valid when TYPE_BOOLEAN
-  int int_ = 0;         // valid when TYPE_INTEGER
-  double double_ = 0;   // valid when TYPE_DOUBLE
+  bool bool_ = false;  // valid when TYPE_BOOLEAN
+  int int_ = 0;        // valid when TYPE_INTEGER
+  double double_ = 0;  // valid when TYPE_DOUBLE
 };
 
 class StringValue : public Value {

@@ -6,8 +6,8 @@ namespace zu {
 namespace platform {
 
 namespace {
-std::atomic<Platform*> g_current{nullptr};        // null means Native()
-std::atomic<DiagnosticSink> g_sink{nullptr};       // null means the OS default
+std::atomic<Platform*> g_current{nullptr};    // null means Native()
+std::atomic<DiagnosticSink> g_sink{nullptr};  // null means the OS default
 }  // namespace
 
 // Defined by the OS backend: where a diagnostic goes when the host installed no sink.

@@ -31,15 +31,6 @@ FaultPlatform::FileHandle FaultPlatform::OpenFile(const std::wstring& path) {
   return ShouldFail(FaultOp::kOpenFile) ? kInvalidFile : native_.OpenFile(path);
 }
 
-void FaultPlatform::CloseFile(FileHandle file) { native_.CloseFile(file); }
-bool FaultPlatform::CloseAndDeleteFile(FileHandle file, const std::wstring& path) {
-  return native_.CloseAndDeleteFile(file, path);
-}
-bool FaultPlatform::DeleteFileIfUnused(const std::wstring& path) {
-  return native_.DeleteFileIfUnused(path);
-}
-int64_t FaultPlatform::FileLength(FileHandle file) { return native_.FileLength(file); }
-
 IoStatus FaultPlatform::WriteAt(FileHandle file, uint64_t offset, const void* data, size_t length) {
   if (ShouldFail(FaultOp::kWriteAt)) return IoStatus::kNoSpace;
   return native_.WriteAt(file, offset, data, length);
@@ -54,32 +45,10 @@ FaultPlatform::MappingHandle FaultPlatform::CreateMapping(FileHandle file, uint6
   return native_.CreateMapping(file, bytes, status);
 }
 
-void FaultPlatform::CloseMapping(MappingHandle mapping) { native_.CloseMapping(mapping); }
-
 void* FaultPlatform::MapView(MappingHandle mapping, uint64_t offset, size_t length, bool writable,
                              void* hint) {
   if (ShouldFail(FaultOp::kMapView)) return nullptr;
   return native_.MapView(mapping, offset, length, writable, hint);
 }
-
-void FaultPlatform::UnmapView(void* view, size_t length) { native_.UnmapView(view, length); }
-void FaultPlatform::FlushView(void* address, size_t length) { native_.FlushView(address, length); }
-bool FaultPlatform::ViewsReachPastFileEnd() {
-  return !chunk_read_views_ && native_.ViewsReachPastFileEnd();
-}
-void FaultPlatform::AdviseView(const void* address, size_t length,
-                               zu::platform::ViewAdvice advice) {
-  native_.AdviseView(address, length, advice);
-}
-size_t FaultPlatform::PageSize() { return native_.PageSize(); }
-size_t FaultPlatform::AllocationGranularity() { return native_.AllocationGranularity(); }
-void FaultPlatform::CreateDirectories(const std::wstring& path) { native_.CreateDirectories(path); }
-std::vector<std::wstring> FaultPlatform::ListFiles(const std::wstring& dir,
-                                                   const std::wstring& extension) {
-  return native_.ListFiles(dir, extension);
-}
-std::wstring FaultPlatform::NewGuid() { return native_.NewGuid(); }
-wchar_t FaultPlatform::PathSeparator() { return native_.PathSeparator(); }
-void FaultPlatform::RaiseOpenFileLimit() { native_.RaiseOpenFileLimit(); }
 
 }  // namespace zu_test

@@ -33,29 +33,41 @@ class FaultPlatform : public zu::platform::Platform {
   using MappingHandle = zu::platform::MappingHandle;
   using IoStatus = zu::platform::IoStatus;
 
+  // The operations that can fail.
   FileHandle CreateFile(const std::wstring& path) override;
   FileHandle OpenFile(const std::wstring& path) override;
-  void CloseFile(FileHandle file) override;
-  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override;
-  bool DeleteFileIfUnused(const std::wstring& path) override;
-  int64_t FileLength(FileHandle file) override;
   IoStatus WriteAt(FileHandle file, uint64_t offset, const void* data, size_t length) override;
   MappingHandle CreateMapping(FileHandle file, uint64_t bytes, IoStatus* status) override;
-  void CloseMapping(MappingHandle mapping) override;
   void* MapView(MappingHandle mapping, uint64_t offset, size_t length, bool writable,
                 void* hint) override;
-  void UnmapView(void* view, size_t length) override;
-  void FlushView(void* address, size_t length) override;
-  bool ViewsReachPastFileEnd() override;
-  void AdviseView(const void* address, size_t length, zu::platform::ViewAdvice advice) override;
-  size_t PageSize() override;
-  size_t AllocationGranularity() override;
-  void CreateDirectories(const std::wstring& path) override;
+  bool ViewsReachPastFileEnd() override {
+    return !chunk_read_views_ && native_.ViewsReachPastFileEnd();
+  }
+  // Forwarded as they are.
+  void CloseFile(FileHandle file) override { native_.CloseFile(file); }
+  bool CloseAndDeleteFile(FileHandle file, const std::wstring& path) override {
+    return native_.CloseAndDeleteFile(file, path);
+  }
+  bool DeleteFileIfUnused(const std::wstring& path) override {
+    return native_.DeleteFileIfUnused(path);
+  }
+  int64_t FileLength(FileHandle file) override { return native_.FileLength(file); }
+  void CloseMapping(MappingHandle mapping) override { native_.CloseMapping(mapping); }
+  void UnmapView(void* view, size_t length) override { native_.UnmapView(view, length); }
+  void FlushView(void* address, size_t length) override { native_.FlushView(address, length); }
+  void AdviseView(const void* address, size_t length, zu::platform::ViewAdvice advice) override {
+    native_.AdviseView(address, length, advice);
+  }
+  size_t PageSize() override { return native_.PageSize(); }
+  size_t AllocationGranularity() override { return native_.AllocationGranularity(); }
+  void CreateDirectories(const std::wstring& path) override { native_.CreateDirectories(path); }
   std::vector<std::wstring> ListFiles(const std::wstring& dir,
-                                      const std::wstring& extension) override;
-  std::wstring NewGuid() override;
-  wchar_t PathSeparator() override;
-  void RaiseOpenFileLimit() override;
+                                      const std::wstring& extension) override {
+    return native_.ListFiles(dir, extension);
+  }
+  std::wstring NewGuid() override { return native_.NewGuid(); }
+  wchar_t PathSeparator() override { return native_.PathSeparator(); }
+  void RaiseOpenFileLimit() override { native_.RaiseOpenFileLimit(); }
 
  private:
   static constexpr size_t kOps = static_cast<size_t>(FaultOp::kCount);

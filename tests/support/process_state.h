@@ -1,17 +1,14 @@
-// What a test can observe about its own process on each operating system: open handles, mapped
-// views, its own executable, and starting a copy of itself. The promises checked with these are
-// the same everywhere (nothing left open, nothing left mapped, another process may clean up);
-// only the way to look differs, so the branching on the OS lives here and not in the tests.
+// What a test can observe about its own process on each operating system: open handles and
+// mapped views. The promises checked with these are the same everywhere (nothing left open,
+// nothing left mapped); only the way to look differs, so the branching on the OS lives here
+// and not in the tests.
 #ifndef ZU_TESTS_SUPPORT_PROCESS_STATE_H_
 #define ZU_TESTS_SUPPORT_PROCESS_STATE_H_
 
 #ifdef _WIN32
 #include <windows.h>
-#else
-#include <sys/wait.h>
 #endif
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -49,34 +46,6 @@ inline int MappedViewCount(const std::filesystem::path& /*dir*/) {
   return static_cast<int>(views.size());
 }
 
-inline std::wstring SelfExecutable() {
-  std::wstring path(32768, L'\0');
-  DWORD length = GetModuleFileNameW(nullptr, &path[0], static_cast<DWORD>(path.size()));
-  path.resize(length);
-  return path;
-}
-
-// Runs this test program again with `variable`=`value` in its environment (and its output
-// discarded); returns its exit code, or -1 when it could not be started.
-inline int RunSelfWith(const char* variable, const std::filesystem::path& value) {
-  const std::wstring name(variable, variable + std::char_traits<char>::length(variable));
-  if (!SetEnvironmentVariableW(name.c_str(), value.wstring().c_str())) return -1;
-  std::wstring command = L"\"" + SelfExecutable() + L"\"";
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process = {};
-  BOOL started = CreateProcessW(nullptr, &command[0], nullptr, nullptr, FALSE, CREATE_NO_WINDOW,
-                                nullptr, nullptr, &startup, &process);
-  SetEnvironmentVariableW(name.c_str(), nullptr);
-  if (!started) return -1;
-  WaitForSingleObject(process.hProcess, INFINITE);
-  DWORD code = 0;
-  GetExitCodeProcess(process.hProcess, &code);
-  CloseHandle(process.hThread);
-  CloseHandle(process.hProcess);
-  return static_cast<int>(code);
-}
-
 #else  // POSIX
 
 constexpr bool kCanMakeSymlinks = true;
@@ -100,19 +69,6 @@ inline int MappedViewCount(const std::filesystem::path& dir) {
     if (line.find(dir.string()) != std::string::npos) ++count;
   }
   return count;
-}
-
-inline std::filesystem::path SelfExecutable() {
-  return std::filesystem::read_symlink("/proc/self/exe");
-}
-
-// Runs this test program again with `variable`=`value` in its environment (and its output
-// discarded); returns its exit code, or -1 when it could not be started or did not exit.
-inline int RunSelfWith(const char* variable, const std::filesystem::path& value) {
-  const std::string command = std::string(variable) + "='" + value.string() + "' '" +
-                              SelfExecutable().string() + "' >/dev/null 2>&1";
-  const int status = std::system(command.c_str());
-  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 #endif

@@ -22,10 +22,6 @@
 
 namespace zu_test {
 
-// Names kept for tests written against the POSIX view of the same checks.
-inline int OpenDescriptorCount() { return OpenHandleCount(); }
-inline int MappingsUnder(const std::string& dir) { return MappedViewCount(dir); }
-
 class TempDataDir {
  public:
   TempDataDir() : previous_(IZUArray::GetDataDirectory()) {

@@ -7,9 +7,9 @@
 // is not shared, so while any array (of this or another process) holds the file, DeleteFileW
 // is refused: that is what keeps CleanTmpFiles, and the destructor of the other holder, away
 // from a live file here. The last holder to close deletes it.
-#include <windows.h>
 #include <objbase.h>
 #include <shlobj.h>
+#include <windows.h>
 
 // <windows.h> turns these names into macros; the seam's methods keep their plain names.
 #undef CreateFile
@@ -73,8 +73,8 @@ class Win32Platform : public Platform {
  public:
   FileHandle CreateFile(const std::wstring& path) override {
     if (path.empty()) return kInvalidFile;
-    HANDLE file = CreateFileW(path.c_str(), kDataFileAccess, kDataFileShare, nullptr,
-                              CREATE_ALWAYS, kDataFileFlags, nullptr);
+    HANDLE file = CreateFileW(path.c_str(), kDataFileAccess, kDataFileShare, nullptr, CREATE_ALWAYS,
+                              kDataFileFlags, nullptr);
     return file == INVALID_HANDLE_VALUE ? kInvalidFile : reinterpret_cast<FileHandle>(file);
   }
 
@@ -86,9 +86,8 @@ class Win32Platform : public Platform {
         (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) != 0) {
       return kInvalidFile;
     }
-    HANDLE file = CreateFileW(path.c_str(), kDataFileAccess, kDataFileShare, nullptr,
-                              OPEN_EXISTING, kDataFileFlags | FILE_FLAG_OPEN_REPARSE_POINT,
-                              nullptr);
+    HANDLE file = CreateFileW(path.c_str(), kDataFileAccess, kDataFileShare, nullptr, OPEN_EXISTING,
+                              kDataFileFlags | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
     if (file == INVALID_HANDLE_VALUE) return kInvalidFile;
     // A data file has exactly one name. A second one (a hard link) means the data file's name
     // may stand for someone else's file, which attaching would extend and write.
@@ -140,9 +139,9 @@ class Win32Platform : public Platform {
   }
 
   MappingHandle CreateMapping(FileHandle file, uint64_t bytes, IoStatus* status) override {
-    HANDLE mapping = CreateFileMappingW(AsHandle(file), nullptr, PAGE_READWRITE,
-                                        static_cast<DWORD>(bytes >> 32),
-                                        static_cast<DWORD>(bytes), nullptr);
+    HANDLE mapping =
+        CreateFileMappingW(AsHandle(file), nullptr, PAGE_READWRITE, static_cast<DWORD>(bytes >> 32),
+                           static_cast<DWORD>(bytes), nullptr);
     if (mapping == nullptr) {
       *status = StatusFromLastError();
       return kNoMapping;
