@@ -13,8 +13,9 @@
 //   --rss-gib N   GiB appended for the resident-memory scenario (default 8)
 //   --quick       smaller sizes, for a smoke run
 //   --sizes N,... element counts of the sized scenarios (default 65536,4194304,134217728)
-//   --only NAME,... run only these scenarios: append, bulk, read, getat, lbwarm, lbcold, spill,
-//                 rss (the read scenarios fill their containers with bulk, which then runs too)
+//   --only NAME,... run only these scenarios: append, bulk, read, getat, lbwarm, first,
+//                 autowarm, lbcold, spill, rss (the read scenarios fill their containers with
+//                 bulk, which then runs too; first needs the warm LowerBound, which then runs)
 //   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory); the
 // data directory is created fresh and removed, with every file in it, at the end.
@@ -343,6 +344,7 @@ IZUArray* NewArray(const std::string& kind) {
   if (kind == "vector") return factory.AllocVectorArray(8);
   if (kind == "deque") return factory.AllocDequeArray(8);
   if (kind == "auto") return factory.AllocAutoDequeArray(8);
+  if (kind == "autovector") return factory.AllocAutoVectorArray(8);
   return factory.AllocFileArray(8);
 }
 
@@ -398,20 +400,6 @@ class BoostPeer {
   BoostVector* vector_ = nullptr;
 };
 #endif
-
-// Runs `batch` (which does `per_batch` operations) until `budget` seconds have passed;
-// returns operations per second.
-double RatePerSecond(uint64_t per_batch, double budget, const std::function<void()>& batch) {
-  uint64_t done = 0;
-  auto start = Clock::now();
-  double elapsed = 0;
-  do {
-    batch();
-    done += per_batch;
-    elapsed = Seconds(start, Clock::now());
-  } while (elapsed < budget);
-  return static_cast<double>(done) / elapsed;
-}
 
 volatile int64_t g_sink = 0;
 
@@ -701,120 +689,385 @@ void ReadSequential(Filled& f, int reps, double memcpy_rate) {
   Add(r);
 }
 
-void RandomGetAt(Filled& f, double budget) {
+// ---------------------------------------------------------------------------------------------
+// Warm random reads and searches with fresh keys.
+//
+// Every round draws new uniformly random keys and hands the same keys to every contender, which
+// runs one pass over them; the contenders of a round take turns in a rotating order. Search keys
+// are distinct within a round, so no key is repeated inside a measurement: whatever a search
+// finds in the CPU caches is there because the structure (or the part every search crosses)
+// stays there, not because the same key was looked up a moment before. The data are in the
+// page cache and mapped ("warm"); the first pass over a freshly written array is measured
+// apart.
+
+// `count` distinct values drawn uniformly from [0, range), in random order.
+std::vector<int64_t> FreshKeys(std::mt19937_64& random, size_t count, uint64_t range) {
+  count = static_cast<size_t>(std::min<uint64_t>(count, range));
+  std::uniform_int_distribution<uint64_t> pick(0, range - 1);
+  std::vector<int64_t> keys;
+  keys.reserve(count);
+  while (keys.size() < count) {
+    while (keys.size() < count) keys.push_back(static_cast<int64_t>(pick(random)));
+    std::sort(keys.begin(), keys.end());
+    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+  }
+  std::shuffle(keys.begin(), keys.end(), random);
+  return keys;
+}
+
+// One contender of a round: runs its operation over the first `limit` keys and returns a
+// checksum of the answers; its time per key goes to `ns`.
+struct Contender {
+  using Pass = std::function<uint64_t(const std::vector<int64_t>&, size_t)>;
+  Contender(std::string name_, double* column_, Pass pass_, size_t limit_ = ~size_t{0})
+      : name(std::move(name_)), column(column_), pass(std::move(pass_)), limit(limit_) {}
+  std::string name;
+  double* column;  // where the row keeps its rate
+  Pass pass;
+  size_t limit;  // a slow peer takes fewer keys of each round
+  std::vector<double> ns;
+};
+
+// Runs `rounds` rounds; each draws `count` keys below `range` (distinct ones when `distinct`,
+// else uniform with repetition, for element indexes) and runs every contender once over them.
+// `check` (may be empty) sees the first round's keys after the timed passes.
+void RunRounds(std::vector<Contender>& contenders, int rounds, size_t count, uint64_t range,
+               bool distinct, uint64_t seed,
+               const std::function<void(const std::vector<int64_t>&)>& check) {
+  std::mt19937_64 random(seed);
+  std::vector<Contender*> order;
+  for (Contender& c : contenders) order.push_back(&c);
+  for (int round = 0; round < rounds; ++round) {
+    std::vector<int64_t> keys;
+    if (distinct) {
+      keys = FreshKeys(random, count, range);
+    } else {
+      std::uniform_int_distribution<uint64_t> pick(0, range - 1);
+      keys.resize(count);
+      for (auto& k : keys) k = static_cast<int64_t>(pick(random));
+    }
+    std::rotate(order.begin(), order.begin() + round % static_cast<int>(order.size()), order.end());
+    for (Contender* c : order) {
+      const size_t n = std::min(c->limit, keys.size());
+      auto t0 = Clock::now();
+      const uint64_t sum = c->pass(keys, n);
+      c->ns.push_back(Seconds(t0, Clock::now()) * 1e9 / static_cast<double>(n));
+      g_sink = g_sink + static_cast<int64_t>(sum);
+    }
+    if (round == 0 && check) check(keys);
+  }
+}
+
+// "name median (fastest-slowest)" in ns per operation for every contender.
+std::string NsNote(const std::vector<Contender>& contenders) {
+  std::string note = "ns/op median (fastest-slowest round):";
+  for (const Contender& c : contenders) {
+    const auto [fastest, slowest] = std::minmax_element(c.ns.begin(), c.ns.end());
+    note += " " + c.name + " " + Format(Median(c.ns)) + " (" + Format(*fastest) + "-" +
+            Format(*slowest) + ")";
+  }
+  return note;
+}
+
+// Fills the row's columns (M ops/s from the median ns) and its ratios against every peer.
+void FillRow(Row& r, const std::vector<Contender>& contenders) {
+  for (const Contender& c : contenders) *c.column = 1e3 / Median(c.ns);
+  for (size_t i = 1; i < contenders.size(); ++i)
+    AddRatio(r, contenders[i].name, *contenders[i].column);
+  if (contenders.size() > 1 && contenders[1].name == "std::vector") {
+    // Round by round: the two ran side by side, so a busy moment of the machine weighs on both.
+    std::vector<double> ratio;
+    for (size_t i = 0; i < contenders[0].ns.size() && i < contenders[1].ns.size(); ++i) {
+      ratio.push_back(contenders[0].ns[i] / contenders[1].ns[i]);
+    }
+    const auto [low, high] = std::minmax_element(ratio.begin(), ratio.end());
+    AddNote(r, "time zu / std::vector, median of the rounds " + Format(Median(ratio)) + " (" +
+                   Format(*low) + "-" + Format(*high) + ")");
+  }
+  AddNote(r, NsNote(contenders));
+}
+
+// Keys per round of the searches, as in a batch of lookups a host would run.
+constexpr size_t kSearchKeys = 20000;
+// Rounds of the warm searches and random reads.
+int WarmRounds(uint64_t n) { return n <= (1 << 16) ? 15 : 11; }
+
+enum class SearchOp { kLower, kUpper, kFind };
+const char* SearchName(SearchOp op) {
+  return op == SearchOp::kLower ? "LowerBound" : op == SearchOp::kUpper ? "UpperBound" : "Find";
+}
+
+// One pass of `op` over keys[0, n) through the array interface.
+uint64_t ZuPass(IZUArray* a, SearchOp op, const std::vector<int64_t>& keys, size_t n) {
+  uint64_t sum = 0;
+  if (op == SearchOp::kLower) {
+    for (size_t i = 0; i < n; ++i) sum += a->LowerBound(&keys[i]);
+  } else if (op == SearchOp::kUpper) {
+    for (size_t i = 0; i < n; ++i) sum += a->UpperBound(&keys[i]);
+  } else {
+    for (size_t i = 0; i < n; ++i) sum += a->Find(&keys[i]);
+  }
+  return sum;
+}
+
+// The same with the standard algorithms over any random-access container (Find: the lower
+// bound, then a comparison, the size when absent).
+template <typename Container>
+uint64_t StdPass(const Container& c, SearchOp op, const std::vector<int64_t>& keys, size_t n) {
+  uint64_t sum = 0;
+  const auto first = c.begin();
+  const auto last = c.end();
+  const auto size = static_cast<uint64_t>(last - first);
+  for (size_t i = 0; i < n; ++i) {
+    const int64_t k = keys[i];
+    if (op == SearchOp::kUpper) {
+      sum += static_cast<uint64_t>(std::upper_bound(first, last, k) - first);
+    } else {
+      const auto it = std::lower_bound(first, last, k);
+      const auto at = static_cast<uint64_t>(it - first);
+      sum += op == SearchOp::kLower || (it != last && *it == k) ? at : size;
+    }
+  }
+  return sum;
+}
+
+// The array's answers for the data 0, 2, 4, ... against the standard algorithms (UpperBound of a
+// value at or above a segment's last element may answer the next segment's start).
+std::string CheckSearches(IZUArray* a, SearchOp op, const std::vector<int64_t>& data,
+                          const std::vector<int64_t>& keys) {
+  const uint64_t n = data.size();
+  const uint64_t segment = (uint64_t{128} << 20) / sizeof(int64_t);
+  for (int64_t k : keys) {
+    const uint64_t lower = std::lower_bound(data.begin(), data.end(), k) - data.begin();
+    const uint64_t upper = std::upper_bound(data.begin(), data.end(), k) - data.begin();
+    const bool present = lower < n && data[lower] == k;
+    if (op == SearchOp::kLower && a->LowerBound(&k) != lower) return "wrong answers";
+    if (op == SearchOp::kFind && a->Find(&k) != (present ? lower : n)) return "wrong answers";
+    if (op == SearchOp::kUpper) {
+      const uint64_t ub = a->UpperBound(&k);
+      if (ub != upper && !(upper == n && ub % segment == 0 && ub >= n)) return "wrong answers";
+    }
+  }
+  return "";
+}
+
+// Reads the whole array once, so that every page of its files is mapped for reading in this
+// process: the state of an array that has been read before, which the warm rows measure.
+void MapForReading(IZUArray* a, uint64_t n) {
+  std::vector<int64_t> piece(kChunkElements);
+  for (uint64_t i = 0; i < n; i += kChunkElements) {
+    a->CopyOut(piece.data(), static_cast<int>(i),
+               static_cast<unsigned int>(std::min<uint64_t>(kChunkElements, n - i)));
+  }
+  g_sink = g_sink + piece[0];
+}
+
+void RandomGetAt(Filled& f) {
   const uint64_t n = f.vector.size();
   Row r = MakeRow("random GetAt", "file", n, "M ops/s");
-  constexpr uint64_t kBatch = 4096;
-  std::mt19937_64 random(7);
-  std::vector<uint64_t> idx(kBatch);
-  for (auto& i : idx) i = random() % n;
-  r.zu = RatePerSecond(kBatch, budget,
-                       [&] {
-                         int64_t out = 0, sum = 0;
-                         for (uint64_t i : idx) {
-                           f.file->GetAt(i, &out);
-                           sum += out;
-                         }
-                         g_sink = g_sink + sum;
-                       }) /
-         1e6;
-  r.std_vector = RatePerSecond(kBatch, budget,
-                               [&] {
-                                 int64_t sum = 0;
-                                 for (uint64_t i : idx) sum += f.vector[i];
-                                 g_sink = g_sink + sum;
-                               }) /
-                 1e6;
+  constexpr size_t kReads = size_t{1} << 20;
+  std::vector<Contender> contenders;
+  contenders.emplace_back("zu", &r.zu, [&](const std::vector<int64_t>& idx, size_t count) {
+    int64_t out = 0, sum = 0;
+    for (size_t i = 0; i < count; ++i) {
+      f.file->GetAt(static_cast<uint64_t>(idx[i]), &out);
+      sum += out;
+    }
+    return static_cast<uint64_t>(sum);
+  });
+  contenders.emplace_back("std::vector", &r.std_vector,
+                          [&](const std::vector<int64_t>& idx, size_t count) {
+                            int64_t sum = 0;
+                            for (size_t i = 0; i < count; ++i) sum += f.vector[idx[i]];
+                            return static_cast<uint64_t>(sum);
+                          });
 #ifdef ZU_BENCH_HAVE_STXXL
-  {
-    const StxxlVector& cv = *f.stxxl;
-    constexpr uint64_t kSmall = 64;  // a miss reads a whole 1 MiB block
-    uint64_t at = 0;
-    r.stxxl = RatePerSecond(kSmall, budget,
-                            [&] {
-                              int64_t sum = 0;
-                              for (uint64_t k = 0; k < kSmall; ++k) sum += cv[idx[(at++) % kBatch]];
-                              g_sink = g_sink + sum;
-                            }) /
-              1e6;
-  }
+  contenders.emplace_back(
+      "stxxl", &r.stxxl,
+      [&](const std::vector<int64_t>& idx, size_t count) {
+        const StxxlVector& cv = *f.stxxl;
+        int64_t sum = 0;
+        for (size_t i = 0; i < count; ++i) sum += cv[idx[i]];
+        return static_cast<uint64_t>(sum);
+      },
+      64);  // a miss reads a whole 1 MiB block
 #endif
 #ifdef ZU_BENCH_HAVE_BOOST
-  r.boost = RatePerSecond(kBatch, budget,
-                          [&] {
-                            const BoostVector& v = f.boost->v();
-                            int64_t sum = 0;
-                            for (uint64_t i : idx) sum += v[i];
-                            g_sink = g_sink + sum;
-                          }) /
-            1e6;
+  contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& idx, size_t count) {
+    const BoostVector& v = f.boost->v();
+    int64_t sum = 0;
+    for (size_t i = 0; i < count; ++i) sum += v[idx[i]];
+    return static_cast<uint64_t>(sum);
+  });
 #endif
-  AddRatio(r, "stxxl", r.stxxl);
-  AddRatio(r, "boost", r.boost);
-  AddRatio(r, "std::vector", r.std_vector);
+  RunRounds(contenders, WarmRounds(n), kReads, n, false, 7, {});
+  FillRow(r, contenders);
+  AddNote(r, "1 Mi uniformly random indexes per round, fresh every round");
   Add(r);
 }
 
-void LowerBoundWarm(Filled& f, double budget) {
+// The next index of a chain of dependent reads: it needs the element just read, so every read
+// waits for the one before and pays its whole memory latency (as code that follows links
+// does), where independent reads overlap.
+inline uint64_t NextInChain(uint64_t index, int64_t value, uint64_t n) {
+  return (index * 0x9E3779B97F4A7C15ull + static_cast<uint64_t>(value)) % n;
+}
+
+void DependentGetAt(Filled& f) {
   const uint64_t n = f.vector.size();
-  Row r = MakeRow("LowerBound warm", "file", n, "M ops/s");
-  constexpr uint64_t kBatch = 4096;
-  std::mt19937_64 random(11);
-  std::vector<int64_t> keys(kBatch);
-  for (auto& k : keys) k = static_cast<int64_t>(random() % (2 * n));
-  bool wrong = false;
-  r.zu = RatePerSecond(kBatch, budget,
-                       [&] {
-                         uint64_t sum = 0;
-                         for (int64_t k : keys) sum += f.file->LowerBound(&k);
-                         g_sink = g_sink + static_cast<int64_t>(sum);
-                       }) /
-         1e6;
-  for (int64_t k : keys) {
-    if (f.file->LowerBound(&k) != static_cast<uint64_t>((k + 1) / 2)) wrong = true;
-  }
-  if (wrong) r.note = "wrong answers";
-  r.std_vector = RatePerSecond(kBatch, budget,
-                               [&] {
-                                 uint64_t sum = 0;
-                                 for (int64_t k : keys)
-                                   sum += std::lower_bound(f.vector.begin(), f.vector.end(), k) -
-                                          f.vector.begin();
-                                 g_sink = g_sink + static_cast<int64_t>(sum);
-                               }) /
-                 1e6;
+  Row r = MakeRow("random GetAt chained", "file", n, "M ops/s");
+  constexpr size_t kReads = size_t{1} << 16;
+  std::vector<Contender> contenders;
+  contenders.emplace_back("zu", &r.zu, [&](const std::vector<int64_t>& start, size_t count) {
+    uint64_t i = static_cast<uint64_t>(start[0]);
+    int64_t out = 0;
+    for (size_t k = 0; k < count; ++k) {
+      f.file->GetAt(i, &out);
+      i = NextInChain(i, out, n);
+    }
+    return i;
+  });
+  contenders.emplace_back("std::vector", &r.std_vector,
+                          [&](const std::vector<int64_t>& start, size_t count) {
+                            uint64_t i = static_cast<uint64_t>(start[0]);
+                            for (size_t k = 0; k < count; ++k) i = NextInChain(i, f.vector[i], n);
+                            return i;
+                          });
 #ifdef ZU_BENCH_HAVE_STXXL
-  {
-    const StxxlVector& cv = *f.stxxl;
-    constexpr uint64_t kSmall = 16;
-    uint64_t at = 0;
-    r.stxxl = RatePerSecond(kSmall, budget,
-                            [&] {
-                              uint64_t sum = 0;
-                              for (uint64_t k = 0; k < kSmall; ++k)
-                                sum +=
-                                    std::lower_bound(cv.begin(), cv.end(), keys[(at++) % kBatch]) -
-                                    cv.begin();
-                              g_sink = g_sink + static_cast<int64_t>(sum);
-                            }) /
-              1e6;
-  }
+  contenders.emplace_back(
+      "stxxl", &r.stxxl,
+      [&](const std::vector<int64_t>& start, size_t count) {
+        const StxxlVector& cv = *f.stxxl;
+        uint64_t i = static_cast<uint64_t>(start[0]);
+        for (size_t k = 0; k < count; ++k) i = NextInChain(i, cv[i], n);
+        return i;
+      },
+      64);
 #endif
 #ifdef ZU_BENCH_HAVE_BOOST
-  r.boost = RatePerSecond(kBatch, budget,
-                          [&] {
-                            const BoostVector& v = f.boost->v();
-                            uint64_t sum = 0;
-                            for (int64_t k : keys)
-                              sum += std::lower_bound(v.begin(), v.end(), k) - v.begin();
-                            g_sink = g_sink + static_cast<int64_t>(sum);
-                          }) /
-            1e6;
+  contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& start, size_t count) {
+    const BoostVector& v = f.boost->v();
+    uint64_t i = static_cast<uint64_t>(start[0]);
+    for (size_t k = 0; k < count; ++k) i = NextInChain(i, v[i], n);
+    return i;
+  });
 #endif
-  AddRatio(r, "std::vector", r.std_vector);
-  AddRatio(r, "stxxl", r.stxxl);
-  AddRatio(r, "boost", r.boost);
+  RunRounds(contenders, WarmRounds(n), kReads, n, false, 9, {});
+  FillRow(r, contenders);
+  AddNote(r,
+          "64 Ki reads per round, each index computed from the element read before it, "
+          "from a fresh random start every round");
   Add(r);
+}
+
+// Warm LowerBound, UpperBound and Find on the file array (all its pages mapped by the reads
+// before) next to the standard algorithms over std::vector, the Boost vector and STXXL.
+// Returns the file array's median ns of LowerBound, the steady state of the first-pass row.
+double SearchWarm(Filled& f) {
+  const uint64_t n = f.vector.size();
+  double steady = NAN;
+  for (SearchOp op : {SearchOp::kLower, SearchOp::kUpper, SearchOp::kFind}) {
+    Row r = MakeRow(std::string(SearchName(op)) + " warm", "file", n, "M ops/s");
+    std::vector<Contender> contenders;
+    contenders.emplace_back("zu", &r.zu, [&, op](const std::vector<int64_t>& k, size_t c) {
+      return ZuPass(f.file.get(), op, k, c);
+    });
+    contenders.emplace_back(
+        "std::vector", &r.std_vector,
+        [&, op](const std::vector<int64_t>& k, size_t c) { return StdPass(f.vector, op, k, c); });
+#ifdef ZU_BENCH_HAVE_STXXL
+    contenders.emplace_back(
+        "stxxl", &r.stxxl,
+        [&, op](const std::vector<int64_t>& k, size_t c) { return StdPass(*f.stxxl, op, k, c); },
+        32);  // every step may read a 1 MiB block
+#endif
+#ifdef ZU_BENCH_HAVE_BOOST
+    contenders.emplace_back("boost", &r.boost, [&, op](const std::vector<int64_t>& k, size_t c) {
+      return StdPass(f.boost->v(), op, k, c);
+    });
+#endif
+    RunRounds(contenders, WarmRounds(n), kSearchKeys, 2 * n, true, 11 + static_cast<int>(op),
+              [&](const std::vector<int64_t>& keys) {
+                AddNote(r, CheckSearches(f.file.get(), op, f.vector, keys));
+              });
+    FillRow(r, contenders);
+    if (op == SearchOp::kLower) steady = Median(contenders[0].ns);
+    Add(r);
+  }
+  return steady;
+}
+
+// The first pass of LowerBound over a freshly written file array: its pages are in the page
+// cache (just written) but not yet mapped for reading in this process. Each run writes a new
+// array; `steady_ns` is the warm median of the same search on a fully mapped array.
+void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns) {
+  const uint64_t n = src.size();
+  const int runs = n <= (1 << 16) ? 7 : n <= (1 << 22) ? 5 : 3;
+  std::mt19937_64 random(17);
+  std::vector<double> first, vec;
+  std::string wrong;
+  for (int run = 0; run < runs; ++run) {
+    // Earlier writers' dirty pages are written back first, so that no write-back runs while
+    // the pass is timed; the new array's own pages stay dirty in the page cache.
+    g_dir->Settle();
+    std::unique_ptr<IZUArray> a(NewArray("file"));
+    if (a->AppendBuffer(src.data(), n) != kZuOk) wrong = "append failed";
+    const std::vector<int64_t> keys = FreshKeys(random, kSearchKeys, 2 * n);
+    auto t0 = Clock::now();
+    g_sink = g_sink + static_cast<int64_t>(ZuPass(a.get(), SearchOp::kLower, keys, keys.size()));
+    first.push_back(Seconds(t0, Clock::now()) * 1e9 / static_cast<double>(keys.size()));
+    t0 = Clock::now();
+    g_sink = g_sink + static_cast<int64_t>(StdPass(src, SearchOp::kLower, keys, keys.size()));
+    vec.push_back(Seconds(t0, Clock::now()) * 1e9 / static_cast<double>(keys.size()));
+  }
+  Row r = MakeRow("LowerBound first pass", "file", n, "M ops/s");
+  r.zu = 1e3 / Median(first);
+  r.std_vector = 1e3 / Median(vec);
+  r.limit_name = "steady";
+  r.limit = 1e3 / steady_ns;
+  AddRatio(r, "steady state", r.limit);
+  AddRatio(r, "std::vector", r.std_vector);
+  const auto [fastest, slowest] = std::minmax_element(first.begin(), first.end());
+  AddNote(r, wrong);
+  AddNote(r, "time first pass / steady state " + Format(Median(first) / steady_ns) +
+                 "; ns/op: first pass " + Format(Median(first)) + " (" + Format(*fastest) + "-" +
+                 Format(*slowest) + "), steady " + Format(steady_ns) + ", std::vector " +
+                 Format(Median(vec)) + "; a new array for each of " + std::to_string(runs) +
+                 " runs");
+  Add(r);
+}
+
+// Warm searches on the self-spilling arrays once they live in files, next to the standard
+// algorithms over std::vector and std::deque holding the same data.
+void AutoSearchWarm(const std::vector<int64_t>& src) {
+  const uint64_t n = src.size();
+  if (n <= zu::kSpillThreshold) return;
+  std::deque<int64_t> deque(src.begin(), src.end());
+  for (const std::string kind : {"auto", "autovector"}) {
+    std::unique_ptr<IZUArray> a(NewArray(kind));
+    if (a->AppendBuffer(src.data(), n) != kZuOk) continue;
+    MapForReading(a.get(), n);
+    for (SearchOp op : {SearchOp::kLower, SearchOp::kUpper, SearchOp::kFind}) {
+      Row r = MakeRow(std::string(SearchName(op)) + " warm", kind, n, "M ops/s");
+      std::vector<Contender> contenders;
+      contenders.emplace_back("zu", &r.zu, [&, op](const std::vector<int64_t>& k, size_t c) {
+        return ZuPass(a.get(), op, k, c);
+      });
+      contenders.emplace_back(
+          "std::vector", &r.std_vector,
+          [&, op](const std::vector<int64_t>& k, size_t c) { return StdPass(src, op, k, c); });
+      contenders.emplace_back(
+          "std::deque", &r.std_deque,
+          [&, op](const std::vector<int64_t>& k, size_t c) { return StdPass(deque, op, k, c); });
+      RunRounds(contenders, WarmRounds(n), kSearchKeys, 2 * n, true, 23 + static_cast<int>(op),
+                [&](const std::vector<int64_t>& keys) {
+                  AddNote(r, CheckSearches(a.get(), op, src, keys));
+                });
+      FillRow(r, contenders);
+      AddNote(r, "spilled into files");
+      Add(r);
+    }
+  }
 }
 
 // Cold: the page cache of every data file is written back and dropped before each batch. Rates
@@ -1050,7 +1303,13 @@ Machine Describe(const fs::path& dir) {
 const char kNotes[] =
     "Notes: limits are memcpy of the same bytes between two touched buffers and pwrite of the "
     "same bytes in 8 MiB pieces to a new file in the data directory, measured in the same run; "
-    "every writer starts after the file system's dirty pages are written back. Cold searches "
+    "every writer starts after the file system's dirty pages are written back. Warm searches "
+    "and random reads run in rounds (15 at 64 Ki elements, 11 above); each round draws fresh "
+    "uniformly random keys (20,000 distinct search keys in [0, 2n) over the data 0, 2, 4, ..., "
+    "or 1 Mi element indexes) and runs every contender once over the same keys, in an order "
+    "that rotates from round to round (STXXL takes only the first 32 or 64 keys of a round); "
+    "the data are in the page cache and every page of the file array was read before. The "
+    "first pass writes a new file array for each run and searches it at once. Cold searches "
     "run in batches of 32; before each batch every data file is written back and dropped from "
     "the page cache (posix_fadvise POSIX_FADV_DONTNEED; the Boost file is unmapped first, since "
     "mapped pages stay; this process's mappings of the data files are zapped with "
@@ -1171,7 +1430,7 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] "
-                   "[--only append,bulk,read,getat,lbwarm,lbcold,spill,rss] "
+                   "[--only append,bulk,read,getat,lbwarm,first,autowarm,lbcold,spill,rss] "
                    "[--kinds vector,deque,auto,file]\n");
       return 2;
     }
@@ -1204,14 +1463,24 @@ int main(int argc, char** argv) {
       for (const std::string& kind : kinds) AppendOne(kind, src, reps);
     }
     if (!(wanted("bulk") || wanted("read") || wanted("getat") || wanted("lbwarm") ||
-          wanted("lbcold"))) {
+          wanted("first") || wanted("autowarm") || wanted("lbcold"))) {
       continue;
     }
     Filled filled;
     AppendBulk(src, reps, memcpy_rate, &filled);
     if (wanted("read")) ReadSequential(filled, std::max(reps, 2), memcpy_rate);
-    if (wanted("getat")) RandomGetAt(filled, 0.4);
-    if (wanted("lbwarm")) LowerBoundWarm(filled, 0.4);
+    if (wanted("getat") || wanted("lbwarm") || wanted("first")) MapForReading(filled.file.get(), n);
+    if (wanted("getat")) {
+      RandomGetAt(filled);
+      DependentGetAt(filled);
+    }
+    double steady = NAN;
+    if (wanted("lbwarm")) steady = SearchWarm(filled);
+    if (wanted("first")) {
+      if (std::isnan(steady)) steady = SearchWarm(filled);
+      SearchFirstPass(src, steady);
+    }
+    if (wanted("autowarm")) AutoSearchWarm(src);
     if (wanted("lbcold")) LowerBoundCold(filled);
   }
   if (wanted("spill")) Spill(3);

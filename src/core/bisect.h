@@ -73,6 +73,47 @@ uint64_t BranchlessUpper(const T* data, uint64_t count, const T& value) {
   return BranchlessBisect(data, count, [&value](const T& x) { return !(value < x); });
 }
 
+// The same probes again, for a run of file data that is likely outside the CPU caches (one page
+// of a file, or one chunk): the lines of the first probes of every path (the whole run, when it
+// is one page) are requested up front, level by level, so that they arrive together instead of
+// one dependent miss after another; and the steps branch, so that the processor runs ahead into
+// the likely half rather than waiting on each load.
+template <typename T, typename GoRight>
+uint64_t PageBisect(const T* data, uint64_t count, GoRight go_right) {
+  constexpr uint64_t kLine = 64 / sizeof(T) > 0 ? 64 / sizeof(T) : 1;
+  constexpr int kMaxRequests = 64;  // one page of 4 KiB
+  uint64_t stride = 1;
+  while (stride * 4 <= count) stride *= 2;
+  int requests = 0;
+  for (; stride >= kLine && requests < kMaxRequests; stride >>= 1) {
+    for (uint64_t at = stride; at < count && requests < kMaxRequests; at += 2 * stride) {
+      __builtin_prefetch(data + at);
+      ++requests;
+    }
+  }
+  uint64_t first = 0;
+  while (count > 0) {
+    const uint64_t half = count >> 1;
+    if (go_right(data[first + half])) {
+      first += half + 1;
+      count -= half + 1;
+    } else {
+      count = half;
+    }
+  }
+  return first;
+}
+
+template <typename T>
+uint64_t PageLower(const T* data, uint64_t count, const T& value) {
+  return PageBisect(data, count, [&value](const T& x) { return x < value; });
+}
+
+template <typename T>
+uint64_t PageUpper(const T* data, uint64_t count, const T& value) {
+  return PageBisect(data, count, [&value](const T& x) { return !(value < x); });
+}
+
 }  // namespace zu
 
 #endif  // ZU_CORE_BISECT_H_

@@ -77,6 +77,14 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
   void SetAt(uint64_t index, const void* value) override {
     Ops::SetAt(*this->container_, index, value);
   }
+  // An element of a wide read view is copied at once; any other is left to the storage (out
+  // of line, so that the common path saves no registers).
+  void* GetAt(uint64_t index, void* out) override {
+    const T* element = this->container_->ReadFromWideView(index);
+    if (element == nullptr) return GetAtFromStorage(index, out);
+    *static_cast<T*>(out) = *element;
+    return out;
+  }
   // The storage's cached last element; an empty storage (no file) answers its all-ones
   // element, so out is always written.
   void* GetLast(void* out) override {
@@ -115,6 +123,9 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
 
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
+  [[gnu::noinline]] void* GetAtFromStorage(uint64_t index, void* out) {
+    return Base::GetAt(index, out);
+  }
 };
 
 template <typename T, typename Layout>

@@ -26,7 +26,8 @@
 // while appending. A single append that only joins the stage (no sample, no file write, no
 // view) takes no lock: it is the one writer's own state, and the lock's atomic operation would
 // cost more than the append. Nor does a read of a file element through a wide read view, which
-// never moves.
+// never moves, nor a LowerBound or UpperBound search through one (the samples change only
+// with appends, which come from the one writer).
 #ifndef ZU_FILE_FILE_SEGMENT_H_
 #define ZU_FILE_FILE_SEGMENT_H_
 
@@ -75,6 +76,17 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   T* GetWritePtr(int64_t index) override;
   // Sampled indexes are answered from memory; others map the read view on demand.
   const T* GetReadPtr(int64_t index) override;
+  // The common random read, inline: element `index` straight from a wide read view, which is
+  // mapped once and moves only when the segment dies or drops its file (and is null then);
+  // null for an element that is sampled, staged or beyond the size (GetReadPtr answers those).
+  const T* ReadFromWideView(uint64_t index) const {
+    if (!file_.wide_read_view() || index >= size_ || index >= stage_.first() ||
+        samples_.IsSampled(index)) {
+      return nullptr;
+    }
+    const void* wide = file_.read_view();
+    return wide != nullptr ? static_cast<const T*>(wide) + index : nullptr;
+  }
   // The cached last appended value (not the file data).
   T* GetBackWritePtr() override { return dead_ ? &placeholders_.back : &last_value_; }
   const T* GetBackReadPtr() override { return GetBackWritePtr(); }
@@ -118,7 +130,7 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // --- searches over sorted data (results are segment-relative) ------------------------
   // Exact lower bound: samples choose the page, one page of file data is read.
   uint64_t SegmentLowerBound(const T& value);
-  // Exact upper bound; skips the page samples and searches the whole chunk.
+  // Exact upper bound, as a bisection of the whole chunk would find it.
   uint64_t SegmentUpperBound(const T& value);
   // The first sampled position whose sample is not less than value; reads no file data.
   uint64_t SegmentLocateLowerBound(const T& value);
@@ -182,6 +194,17 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   void PushBackSlow(const T& value);
   // Exact lower bound of value within `page`, read through the read view.
   uint64_t ScanPage(const typename Samples::Page& page, const T& value);
+  // GetWritePtr without its note that the samples may no longer hold what the file holds.
+  T* WritableAt(uint64_t index);
+  // Runs `search` with the read view: without a lock when the view is wide and mapped (it
+  // never moves while the segment has its file), else under the read lock. A lock's atomic
+  // operation would also make each search wait for every memory access before it.
+  template <typename Search>
+  uint64_t WithReadView(Search&& search) {
+    if (file_.wide_read_view() && file_.read_view() != nullptr) return search();
+    CZUScopedLock read(read_lock_);
+    return search();
+  }
 
   // The fields of the inline paths (single appends, lock-free reads) come first.
   uint64_t size_ = 0;                       // size_ <= capacity_ <= kMaxSize
@@ -197,6 +220,9 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   bool dead_ = false;              // failed: every operation is a no-op
   bool flush_pending_ = false;     // flush the write view after the next append
   bool ready_ = false;             // file open and samples valid
+  // False once a sampled element may differ from its sample (a write through GetWritePtr, or
+  // SetElement outside the last chunk); true again when the samples are dropped.
+  bool samples_match_file_ = true;
 };
 
 #define ZU_DECLARE_FILE_SEGMENT(T) extern template class CZUFileArrayImp<T>;

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string>
 
-#include "src/core/bisect.h"
 #include "src/core/range.h"
 #include "src/file/data_directory.h"
 #include "src/file/file_segment.h"
@@ -18,6 +17,8 @@ namespace segment_internal {
 inline constexpr char kWriteConflictMessage[] = "write conflict";
 // A copy out of the file at least this long asks the system for its whole range up front.
 inline constexpr uint64_t kAdviseBytes = 0x10000;
+// A file write at least this long is mapped into a wide read view at once.
+inline constexpr uint64_t kPopulateBytes = 0x200000;
 
 // Runs step; with `guarded`, an exception from it is reported as a write conflict and answered
 // with false instead of passing on.
@@ -59,6 +60,7 @@ template <typename T, typename Layout>
 void CZUFileArrayImp<T, Layout>::TearDown(Teardown what) {
   stage_.Drop();
   samples_.Clear();
+  samples_match_file_ = true;
   size_ = 0;
   if (what == Teardown::kCloseFile) {
     file_.Close();
@@ -150,9 +152,18 @@ void CZUFileArrayImp<T, Layout>::FlushIfPending() {
 
 template <typename T, typename Layout>
 T* CZUFileArrayImp<T, Layout>::GetWritePtr(int64_t index) {
+  T* slot = WritableAt(static_cast<uint64_t>(index));
+  // A write through it may change a sampled element behind its sample's back.
+  if (slot != &placeholders_.write && samples_.IsSampled(static_cast<uint64_t>(index))) {
+    samples_match_file_ = false;
+  }
+  return slot;
+}
+
+template <typename T, typename Layout>
+T* CZUFileArrayImp<T, Layout>::WritableAt(uint64_t i) {
   WriteStage();  // the address handed out must reach the file's copy of the element
   CZUScopedLock read(read_lock_);
-  const auto i = static_cast<uint64_t>(index);
   if (dead_ || size_ == 0 || i >= size_) return &placeholders_.write;
   const uint64_t last_chunk = (size_ - 1) / kChunkLength;
   T* view = i / kChunkLength == last_chunk ? WriteViewAt(i) : nullptr;
@@ -162,12 +173,8 @@ T* CZUFileArrayImp<T, Layout>::GetWritePtr(int64_t index) {
 template <typename T, typename Layout>
 const T* CZUFileArrayImp<T, Layout>::GetReadPtr(int64_t index) {
   const auto i = static_cast<uint64_t>(index);
-  // The common random read: a wide view is mapped once and moves only when the segment dies
-  // or drops its file (and is null then), so an element that is neither sampled nor staged
-  // comes straight from it, without the lock, as single appends do.
-  if (file_.wide_read_view() && i < size_ && i < stage_.first() && !samples_.IsSampled(i)) {
-    if (const void* wide = file_.read_view()) return static_cast<const T*>(wide) + i;
-  }
+  // Without the lock, as single appends do.
+  if (const T* element = ReadFromWideView(i)) return element;
   CZUScopedLock read(read_lock_);
   if (dead_) return &placeholders_.read;
   // Sampled elements never need the file. A sample exists only for an appended element.
@@ -192,6 +199,7 @@ void CZUFileArrayImp<T, Layout>::Clear() {
   // A segment that never grew has nothing to map yet; that is not a failure.
   if (file_.has_mapping()) MapView(0, View::kWrite);
   samples_.Clear();
+  samples_match_file_ = true;
 }
 
 template <typename T, typename Layout>
@@ -250,6 +258,12 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
       TearDown(Teardown::kDie);
       throw ZuArrayNoSpaceException();
     }
+    // A large write leaves the page cache holding large pieces, which a wide read view maps
+    // with one entry each: mapping them for reading now costs little and spares the first
+    // searches a fault each. Small pieces would cost a mapping call per write for a few pages.
+    if (bulk * sizeof(T) >= segment_internal::kPopulateBytes) {
+      file_.Populate(start * sizeof(T), bulk * sizeof(T));
+    }
     first->Seek(first->GetPosition() + static_cast<unsigned int>(bulk));
     contiguous->data = bytes + bulk * sizeof(T);
     contiguous->count -= bulk;
@@ -297,16 +311,20 @@ void CZUFileArrayImp<T, Layout>::Append(const ZuArrayIter<T>& first, const ZuArr
   CZUScopedLock write(write_lock_);
   ContiguousRange contiguous = FindContiguous(source, last.base(), sizeof(T));
   BulkTail tail;
-  // Chunk by chunk, the rest of a partly filled one first; only whole chunks are guarded
-  // against a misbehaving source.
-  bool guarded = size_ % kChunkLength == 0;
+  // A plain buffer goes out in one write, however many chunks it spans: the page cache then
+  // holds it in large pieces, which the read view maps with few entries. Element by element,
+  // the rest goes chunk by chunk, the rest of a partly filled one first; only elements from
+  // the first whole chunk on are guarded against a misbehaving source.
+  const uint64_t start = size_;
   while (count > 0 && !dead_) {
-    const uint64_t run = std::min(count, kChunkLength - size_ % kChunkLength);
+    const bool guarded = start % kChunkLength == 0 || size_ / kChunkLength != start / kChunkLength;
+    const uint64_t run = contiguous.count > 0
+                             ? std::min(count, contiguous.count)
+                             : std::min(count, kChunkLength - size_ % kChunkLength);
     const uint64_t before = size_;
     AppendRun(source, &contiguous, run, guarded, &tail);
     if (size_ - before < run) break;  // source exhausted or segment dead
     count -= run;
-    guarded = true;
   }
   if (dead_ || size_ == 0) return;
   // Leave the write view on the chunk of the last element, where appends and writes go.
@@ -346,7 +364,10 @@ void CZUFileArrayImp<T, Layout>::ReadData(T* dest, int64_t offset, int64_t& coun
 template <typename T, typename Layout>
 void CZUFileArrayImp<T, Layout>::SetElement(uint64_t index, const T& value) {
   if (dead_) return;
-  *GetWritePtr(static_cast<int64_t>(index)) = value;
+  T* slot = WritableAt(index);
+  *slot = value;
+  // Outside the last chunk the file keeps its old value while the sample takes the new one.
+  if (slot == &placeholders_.write && samples_.Find(index) != nullptr) samples_match_file_ = false;
   samples_.Overwrite(index, value);
   if (size_ > 0 && index == size_ - 1) last_value_ = value;
 }
@@ -411,69 +432,8 @@ bool CZUFileArrayImp<T, Layout>::Attach(const base::DictionaryValue& entry) {
   return true;
 }
 
-template <typename T, typename Layout>
-uint64_t CZUFileArrayImp<T, Layout>::ScanPage(const typename Samples::Page& page, const T& value) {
-  const T* view = ReadChunk(page.chunk);
-  if (view == nullptr) return size_;
-  const uint64_t start = page.chunk * kChunkLength + page.start;
-  if (start >= size_) return size_;
-  const uint64_t len = std::min(samples_.interval(), size_ - start);
-  return start + BranchlessLower(view + page.start, len, value);
-}
-
-template <typename T, typename Layout>
-uint64_t CZUFileArrayImp<T, Layout>::SegmentLowerBound(const T& value) {
-  if (dead_) return size_;
-  WriteStage();
-  CZUScopedLock read(read_lock_);
-  typename Samples::Page page;
-  if (!samples_.LowerBoundPage(value, &page)) return 0;
-  return ScanPage(page, value);
-}
-
-template <typename T, typename Layout>
-uint64_t CZUFileArrayImp<T, Layout>::SegmentUpperBound(const T& value) {
-  if (dead_) return size_;
-  WriteStage();
-  CZUScopedLock read(read_lock_);
-  uint64_t chunk = 0;
-  if (!samples_.UpperBoundChunk(value, &chunk)) return 0;
-  const T* view = ReadChunk(chunk);
-  if (view == nullptr) return 0;
-  const uint64_t base = chunk * kChunkLength;
-  if (base >= size_) return size_;
-  const uint64_t len = std::min(kChunkLength, size_ - base);
-  return base + BranchlessUpper(view, len, value);
-}
-
-template <typename T, typename Layout>
-uint64_t CZUFileArrayImp<T, Layout>::SegmentLocateLowerBound(const T& value) {
-  if (dead_) return size_;
-  CZUScopedLock read(read_lock_);
-  CZUScopedLock write(write_lock_);
-  return samples_.LocateLowerBound(value);
-}
-
-template <typename T, typename Layout>
-uint64_t CZUFileArrayImp<T, Layout>::SegmentFindNearest(T* inout, uint64_t tolerance) {
-  if (dead_) return size_;
-  WriteStage();
-  CZUScopedLock read(read_lock_);
-  CZUScopedLock write(write_lock_);
-  const T value = *inout;
-  uint64_t position = 0;
-  typename Samples::Page page;
-  switch (samples_.FindNearest(value, tolerance, &position, inout, &page)) {
-    case Samples::Nearest::kAtZero:
-      return 0;
-    case Samples::Nearest::kAtSample:
-      return position;
-    case Samples::Nearest::kInPage:
-      break;
-  }
-  return ScanPage(page, value);
-}
-
 }  // namespace zu
+
+#include "src/file/file_segment_search_inl.h"
 
 #endif  // ZU_FILE_FILE_SEGMENT_INL_H_

@@ -147,4 +147,10 @@ void MappedFile::WillRead(const void* address, size_t bytes) {
   platform::Current().AdviseView(address, bytes, platform::ViewAdvice::kWillNeed);
 }
 
+void MappedFile::Populate(uint64_t offset, uint64_t bytes) {
+  if (!wide_read_view_ || read_view_.get() == nullptr || bytes == 0) return;
+  platform::Current().AdviseView(static_cast<const unsigned char*>(read_view_.get()) + offset,
+                                 static_cast<size_t>(bytes), platform::ViewAdvice::kPopulate);
+}
+
 }  // namespace zu

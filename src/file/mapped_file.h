@@ -123,6 +123,9 @@ class MappedFile {
   bool wide_read_view() const { return wide_read_view_; }
   // Asks the system to fetch `bytes` of a view from `address` now: they are read next.
   void WillRead(const void* address, size_t bytes);
+  // Maps `bytes` of the file from `offset` into a wide read view now, where the system can
+  // without reading the disk (they were just written); no-op without a wide view.
+  void Populate(uint64_t offset, uint64_t bytes);
 
  private:
   // The read view first: the segment's lock-free reads look at it.

@@ -46,6 +46,14 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
 
   T* GetWritePtr(int64_t index) override;
   const T* GetReadPtr(int64_t index) override;
+  // Element `index` when it can be read at once from a segment's wide read view (see
+  // ReadFromWideView); null when GetReadPtr must answer. Only while every segment but the last
+  // is full, so that the segment's own size tells whether the index is within the storage.
+  const T* ReadFromWideView(uint64_t index) const {
+    const uint64_t s = index / kSegmentCapacity;
+    if (!regular_ || s >= segments_.size()) return nullptr;
+    return segments_[s]->ReadFromWideView(index % kSegmentCapacity);
+  }
   T* GetBackWritePtr() override;
   const T* GetBackReadPtr() override;
   // Drops every segment; their files are deleted.
@@ -106,8 +114,11 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   static T* AllOnes(T* placeholder);
 
   std::vector<std::shared_ptr<Segment>> segments_;  // index order; all but the last full
-  std::vector<T> heads_;          // heads_[s] is element s * kSegmentCapacity; one per segment
-  Segment* last_ = nullptr;       // segments_.back(), one load closer for single appends; or null
+  std::vector<T> heads_;     // heads_[s] is element s * kSegmentCapacity; one per segment
+  Segment* last_ = nullptr;  // segments_.back(), one load closer for single appends; or null
+  // Every segment but the last was full when the next one was added (always so for segments
+  // filled by appends; a description may name shorter ones).
+  bool regular_ = true;
   Placeholders<T> placeholders_;  // handed out (all ones) where no element is
 };
 
@@ -155,6 +166,7 @@ void CZUMultiFileArrayImp<T, Layout>::Clear() {
   segments_.clear();
   last_ = nullptr;
   heads_.clear();
+  regular_ = true;
 }
 
 template <typename T, typename Layout>
@@ -166,6 +178,9 @@ int64_t CZUMultiFileArrayImp<T, Layout>::GetSize() {
 
 template <typename T, typename Layout>
 bool CZUMultiFileArrayImp<T, Layout>::AddSegment(const T& head) {
+  if (last_ != nullptr && static_cast<uint64_t>(last_->GetSize()) < kSegmentCapacity) {
+    regular_ = false;
+  }
   segments_.push_back(std::make_shared<Segment>());
   last_ = segments_.back().get();
   heads_.push_back(head);
@@ -254,6 +269,9 @@ bool CZUMultiFileArrayImp<T, Layout>::LoadDescription(const base::DictionaryValu
     if (!files->GetDictionary(i, &entry) || entry == nullptr) break;
     auto segment = std::make_shared<Segment>();
     if (!segment->Attach(*entry)) break;
+    if (last_ != nullptr && static_cast<uint64_t>(last_->GetSize()) < kSegmentCapacity) {
+      regular_ = false;
+    }
     heads_.push_back(*segment->GetReadPtr(0));
     segments_.push_back(segment);
     last_ = segment.get();

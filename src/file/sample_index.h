@@ -1,14 +1,14 @@
 // SampleIndex<T, kChunkLength>: the in-memory copies of a file segment's elements that let a
 // search over sorted data narrow down without reading the file.
 //
-// It keeps the element at every multiple of the chunk length (boundary samples, one per chunk)
-// and at every multiple of the sample interval, one page of data (page samples, one run per
-// chunk whose first entry repeats the chunk's boundary sample). A search asks it which chunk
-// or which page of the file holds the answer; reading that page is the segment's business.
-// Positions are element indexes counted from the segment's start.
+// It keeps the element at every multiple of the sample interval, one page of data (page
+// samples; those at multiples of the chunk length are the chunk's boundary samples). A search
+// asks it which chunk or which page of the file holds the answer; reading that page is the
+// segment's business. Positions are element indexes counted from the segment's start.
 //
-// Only this class knows how the samples are laid out in memory, so that layout can change
-// without touching the segment.
+// The samples lie in a SampleTree, a layout that a search over sorted data crosses in a few
+// cache lines; only this class knows it, so the layout can change without touching the
+// segment.
 // Thread-safety: none of its own; the segment's locks guard it.
 #ifndef ZU_FILE_SAMPLE_INDEX_H_
 #define ZU_FILE_SAMPLE_INDEX_H_
@@ -19,14 +19,10 @@
 #include <type_traits>
 #include <vector>
 
-#include "src/core/bisect.h"
-#include "src/memory/xdeque.h"
+#include "src/file/sample_tree.h"
 #include "zu_data_manager/element_types.h"
 
 namespace zu {
-
-// Vectors per block of the page-sample container.
-constexpr unsigned int kPageSampleBlock = 1024;
 
 // high - low in the element type's own value range, widened to 64 bits. Records have no
 // arithmetic: their distance never falls within a tolerance, so the search reads the file.
@@ -59,7 +55,7 @@ class SampleIndex {
   // One sample per page of `page_bytes` (the system's page size); a page size that does not
   // divide the chunk takes one sample per chunk.
   explicit SampleIndex(size_t page_bytes)
-      : interval_(IntervalFor(page_bytes)), mask_(interval_ - 1) {
+      : interval_(IntervalFor(page_bytes)), mask_(interval_ - 1), tree_(kChunkLength / interval_) {
     while ((uint64_t{1} << shift_) < interval_) ++shift_;
   }
 
@@ -68,93 +64,71 @@ class SampleIndex {
   // The first sampled index at or after `index`.
   uint64_t NextSampled(uint64_t index) const { return (index + mask_) & ~mask_; }
 
-  // Records element `index` (the next one appended) when it is sampled.
+  // Records element `index` (the next one appended) when it is sampled; a sample recorded
+  // already takes the new value.
   void Add(uint64_t index, const T& value) {
     if (!IsSampled(index)) return;  // the common case: nothing to record
-    if (index % kChunkLength == 0) {
-      boundary_.push_back(value);
-      pages_.push_back(std::vector<T>());
+    if ((index >> shift_) < tree_.size()) {
+      tree_.Set(index >> shift_, value);
+    } else {
+      tree_.Append(value);
     }
-    if (pages_.size() != 0) pages_.back().push_back(value);
   }
 
-  void Clear() {
-    boundary_.clear();
-    pages_.clear();
-  }
+  void Clear() { tree_.Clear(); }
 
   // The sample of element `index`, or null when it has none (not sampled, or not recorded).
-  // A chunk's first element is answered by its boundary sample alone.
   const T* Find(uint64_t index) const {
-    if (!IsSampled(index)) return nullptr;
-    const uint64_t chunk = index / kChunkLength;
-    if (index % kChunkLength == 0) return chunk < boundary_.size() ? &boundary_[chunk] : nullptr;
-    if (chunk >= pages_.size()) return nullptr;
-    const std::vector<T>& samples = pages_[chunk];
-    const uint64_t entry = (index % kChunkLength) >> shift_;
-    return entry < samples.size() ? &samples[entry] : nullptr;
+    if (!IsSampled(index) || (index >> shift_) >= tree_.size()) return nullptr;
+    return &tree_[index >> shift_];
   }
 
-  // Gives the samples of element `index` (if it has any) a new value.
+  // Gives the sample of element `index` (if it has one) a new value.
   void Overwrite(uint64_t index, const T& value) {
-    const uint64_t chunk = index / kChunkLength;
-    if (index % kChunkLength == 0 && chunk < boundary_.size()) boundary_[chunk] = value;
-    if (index % interval_ == 0 && chunk < pages_.size()) {
-      std::vector<T>& samples = pages_[chunk];
-      const uint64_t entry = (index % kChunkLength) / interval_;
-      if (entry < samples.size()) samples[entry] = value;
-    }
+    if (IsSampled(index) && (index >> shift_) < tree_.size()) tree_.Set(index >> shift_, value);
   }
 
   // Position of the last page sample; 0 without samples.
-  uint64_t LastPosition() const {
-    if (pages_.size() == 0) return 0;
-    const uint64_t chunks = pages_.size();
-    const uint64_t entries = pages_.back().size();
-    return (chunks - 1) * kChunkLength + (entries > 0 ? (entries - 1) * interval_ : 0);
-  }
+  uint64_t LastPosition() const { return tree_.size() == 0 ? 0 : (tree_.size() - 1) * interval_; }
+  // Bytes the samples take, for the memory bound.
+  uint64_t HeldBytes() const { return tree_.HeldBytes(); }
 
   // --- searches over ascending data ---------------------------------------------------
   // The page that holds the lower bound of value: the one before the first page sample not
   // below it (unless the whole page is below value; its end is the answer then). False when
   // value is at or below the first sample: the answer is 0.
   bool LowerBoundPage(const T& value, Page* page) const {
-    uint64_t chunk = 0;
-    if (!ChunkBelow(value, &chunk)) return false;
-    const std::vector<T>& samples = pages_[chunk];
-    const uint64_t i = BranchlessLower(samples.data(), samples.size(), value);
+    uint64_t chunk = 0, i = 0;
+    if (!tree_.LocateLower(value, &chunk, &i)) return false;
     *page = Page{chunk, i > 0 ? (i - 1) * interval_ : 0};
     return true;
   }
 
   // The chunk that holds the upper bound of value: the one before the first boundary sample
-  // above it. False when value is below the first sample: the answer is 0.
-  bool UpperBoundChunk(const T& value, uint64_t* chunk) const {
-    const uint64_t b = BranchlessUpper(boundary_.data(), boundary_.size(), value);
-    if (b == 0) return false;
-    *chunk = b - 1;
-    return true;
+  // above it. While the samples ascend, *samples_not_above is the number of that chunk's page
+  // samples not above value (at least 1), else kUnknown. False when value is below the first
+  // sample: the answer is 0.
+  static constexpr uint64_t kUnknown = SampleTree<T>::kUnknown;
+  bool UpperBoundChunk(const T& value, uint64_t* chunk, uint64_t* samples_not_above) const {
+    return tree_.LocateUpper(value, chunk, samples_not_above);
   }
 
   // The first sampled position whose sample is not less than value, from the samples alone.
   uint64_t LocateLowerBound(const T& value) const {
-    uint64_t chunk = 0;
-    if (!ChunkBelow(value, &chunk)) return 0;
-    const std::vector<T>& samples = pages_[chunk];
-    return BranchlessLower(samples.data(), samples.size(), value) * interval_ +
-           chunk * kChunkLength;
+    uint64_t chunk = 0, i = 0;
+    if (!tree_.LocateLower(value, &chunk, &i)) return 0;
+    return i * interval_ + chunk * kChunkLength;
   }
 
   // A sample within `tolerance` of value (strictly closer; the one below first), with its
   // position and value in *position and *sample, or else the page to search.
   Nearest FindNearest(const T& value, uint64_t tolerance, uint64_t* position, T* sample,
                       Page* page) const {
-    uint64_t chunk = 0;
-    if (!ChunkBelow(value, &chunk)) return Nearest::kAtZero;
+    uint64_t chunk = 0, i = 0;
+    if (!tree_.LocateLower(value, &chunk, &i)) return Nearest::kAtZero;
     const uint64_t base = chunk * kChunkLength;
-    const std::vector<T>& samples = pages_[chunk];
-    const uint64_t n = samples.size();
-    const uint64_t i = BranchlessLower(samples.data(), n, value);
+    const T* samples = tree_.chunk(chunk);
+    const uint64_t n = tree_.chunk_size(chunk);
     auto found = [&](const T& s, uint64_t at) {
       *sample = s;
       *position = at;
@@ -171,8 +145,8 @@ class SampleIndex {
       if (n >= 1 && Distance(value, samples[n - 1]) < tolerance) {
         return found(samples[n - 1], (n - 1) * interval_ + base);
       }
-      if (chunk + 1 < boundary_.size() && Distance(boundary_[chunk + 1], value) < tolerance) {
-        return found(boundary_[chunk + 1], (chunk + 1) * kChunkLength);
+      if (chunk + 1 < tree_.chunks() && Distance(tree_.boundary(chunk + 1), value) < tolerance) {
+        return found(tree_.boundary(chunk + 1), (chunk + 1) * kChunkLength);
       }
       entry = n >= 1 ? n - 1 : 0;
     }
@@ -191,22 +165,10 @@ class SampleIndex {
     return elements;
   }
 
-  // The chunk whose range may hold value: the one before the first boundary sample not below
-  // it. False when value is at or below the first sample.
-  bool ChunkBelow(const T& value, uint64_t* chunk) const {
-    const uint64_t b = BranchlessLower(boundary_.data(), boundary_.size(), value);
-    if (b == 0 || b - 1 >= pages_.size()) return false;
-    *chunk = b - 1;
-    return true;
-  }
-
-  using PageSamples = std::xdeque<std::vector<T>, kPageSampleBlock>;
-
-  uint64_t interval_;        // power of two dividing kChunkLength
-  uint64_t mask_;            // interval_ - 1
-  unsigned shift_ = 0;       // log2(interval_)
-  std::vector<T> boundary_;  // element k * kChunkLength for every chunk k begun
-  PageSamples pages_;        // per chunk begun: its elements at multiples of the interval
+  uint64_t interval_;   // power of two dividing kChunkLength
+  uint64_t mask_;       // interval_ - 1
+  unsigned shift_ = 0;  // log2(interval_)
+  SampleTree<T> tree_;  // sample i is element i * interval_
 };
 
 }  // namespace zu

@@ -36,6 +36,7 @@ constexpr MappingHandle kNoMapping = 0;
 enum class ViewAdvice {
   kRandom,    // isolated reads: fetch only the page touched (no read-ahead around it)
   kWillNeed,  // this range is read next: start fetching all of it now
+  kPopulate,  // this range was just written: map what the system holds of it for reading now
 };
 
 // Outcome of an operation that may run out of room.
