@@ -10,10 +10,11 @@
 // Parts, each over the same keys:
 //   Vector*          std::lower_bound / std::upper_bound over std::vector
 //   Library*         the file array through IZUArray (LocateLowerBound: samples only)
-//   Today*           the library's search as it stands, rebuilt over a plain mapping of one
-//                    file: bisections over the segment heads, the chunk boundaries and the
-//                    chunk's page samples, then a branch-free bisection of one page
-//   Tree*            the sample tree over the same mapping, then the prefetching page search
+//   Bisections*      the search the file array made before its sample tree, rebuilt over a
+//                    plain mapping of one file: branch-free bisections over the segment heads,
+//                    the chunk boundaries and the chunk's page samples, then over one page
+//   Tree*            the sample tree over the same mapping, then the prefetching page search:
+//                    the library's search without the calls between the interface and it
 //   *Samples         the sample part alone (the page is not read)
 //   Page*            the page part alone (the page is known in advance)
 // Set ZU_BENCH_DIR to choose the data directory (default: the system temporary directory).
@@ -137,9 +138,9 @@ void Measure(benchmark::State& state, uint64_t range, Pass pass) {
                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
-// --- the library's search as it stands, over the plain mapping -------------------------------
+// --- the search before the sample tree, over the plain mapping -------------------------------
 
-// The branch-free bisection the library searches samples and pages with today.
+// The branch-free bisection the samples and pages were searched with.
 uint64_t LowerIndex(const int64_t* data, uint64_t count, int64_t value) {
   uint64_t first = 0;
   while (count > 0) {
@@ -152,7 +153,7 @@ uint64_t LowerIndex(const int64_t* data, uint64_t count, int64_t value) {
 }
 
 // Segment and the chunk, entry of the first page sample not below k, as the segments find them.
-bool TodaySamples(const World& w, int64_t k, uint64_t* s, uint64_t* chunk, uint64_t* entry) {
+bool BisectionsSamplesAt(const World& w, int64_t k, uint64_t* s, uint64_t* chunk, uint64_t* entry) {
   const uint64_t h = LowerIndex(w.heads.data(), w.heads.size(), k);
   if (h == 0) return false;
   *s = h - 1;
@@ -168,9 +169,9 @@ uint64_t PageStart(uint64_t chunk, uint64_t entry) {
   return chunk * kChunk + (entry > 0 ? entry - 1 : 0) * kInterval;
 }
 
-uint64_t TodayLowerBound(const World& w, int64_t k) {
+uint64_t BisectionsLowerBoundAt(const World& w, int64_t k) {
   uint64_t s = 0, chunk = 0, entry = 0;
-  if (!TodaySamples(w, k, &s, &chunk, &entry)) return s * kSegment;
+  if (!BisectionsSamplesAt(w, k, &s, &chunk, &entry)) return s * kSegment;
   const uint64_t start = PageStart(chunk, entry);
   const uint64_t len = std::min(kInterval, w.SegmentSize(s) - start);
   const int64_t* page = w.raw + s * kSegment + start;
@@ -248,15 +249,15 @@ void LibraryLocateLowerBound(benchmark::State& state) {
   World& w = WorldOf(state.range(0));
   Measure(state, 2 * w.n, [&](int64_t k) { return w.array->LocateLowerBound(&k); });
 }
-void TodayLowerBoundBench(benchmark::State& state) {
+void BisectionsLowerBound(benchmark::State& state) {
   World& w = WorldOf(state.range(0));
-  Measure(state, 2 * w.n, [&](int64_t k) { return TodayLowerBound(w, k); });
+  Measure(state, 2 * w.n, [&](int64_t k) { return BisectionsLowerBoundAt(w, k); });
 }
-void TodaySamplesBench(benchmark::State& state) {
+void BisectionsSamples(benchmark::State& state) {
   World& w = WorldOf(state.range(0));
   Measure(state, 2 * w.n, [&](int64_t k) {
     uint64_t s = 0, chunk = 0, entry = 0;
-    TodaySamples(w, k, &s, &chunk, &entry);
+    BisectionsSamplesAt(w, k, &s, &chunk, &entry);
     return s + chunk + entry;
   });
 }
@@ -270,7 +271,7 @@ bool TreeAnswersRight(const World& w) {
     const auto upper =
         static_cast<uint64_t>(std::upper_bound(w.data.begin(), w.data.end(), k) - w.data.begin());
     if (TreeLowerBound(w, k) != lower || TreeUpperBound(w, k) != upper ||
-        TodayLowerBound(w, k) != lower) {
+        BisectionsLowerBoundAt(w, k) != lower) {
       return false;
     }
   }
@@ -327,10 +328,10 @@ void Sizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(VectorLowerBound)->Apply(Sizes);
 BENCHMARK(LibraryLowerBound)->Apply(Sizes);
-BENCHMARK(TodayLowerBoundBench)->Apply(Sizes);
+BENCHMARK(BisectionsLowerBound)->Apply(Sizes);
 BENCHMARK(TreeLowerBoundBench)->Apply(Sizes);
 BENCHMARK(LibraryLocateLowerBound)->Apply(Sizes);
-BENCHMARK(TodaySamplesBench)->Apply(Sizes);
+BENCHMARK(BisectionsSamples)->Apply(Sizes);
 BENCHMARK(TreeSamplesBench)->Apply(Sizes);
 BENCHMARK(PageBranchFree)->Apply(Sizes);
 BENCHMARK(PagePrefetched)->Apply(Sizes);
