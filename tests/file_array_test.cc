@@ -69,9 +69,6 @@ TEST(CZUFileArray, ToleranceIsStrictAndSetAtWritesTheFileOnlyInTheLastChunk) {
     array->CopyOut(&out, static_cast<int>(index), 1);
     EXPECT_EQ(out, index < 2 * chunk ? v[index] : x) << index;
   }
-  // UpperBound bisects the chunk in the file: the sample set above its element does not steer it.
-  x = v[interval];
-  EXPECT_EQ(array->UpperBound(&x), interval + 1u);
 }
 
 // The contract model over file storage whose read views are one chunk long, as on Windows and in
