@@ -19,11 +19,11 @@ constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;  // 32-bit positions of t
 constexpr uint64_t kMaxBlockStep = 32;                  // wider slice steps read element by element
 constexpr uint64_t kScratchElements = 1 << 16;  // elements read per block of a stepped slice
 
-// The std::vector behind a factory-made vector array. The member is protected; a pointer to
+// The vector behind a factory-made vector array. The member is protected; a pointer to
 // it may be formed through a derived class and then applied to any vector array.
 template <typename T>
 struct VectorOf : zu::CZUVectorArray<T> {
-  static std::vector<T>* Get(IZUArray* array) {
+  static zu::PodVector<T>* Get(IZUArray* array) {
     auto* vector_array = dynamic_cast<zu::CZUVectorArray<T>*>(array);
     if (vector_array == nullptr) return nullptr;
     auto member = &VectorOf::container_;
@@ -163,7 +163,7 @@ const unsigned char* PyArray::Block(IZUArray& array) const {
   if (kind_ != Kind::kVector) return nullptr;
   return WithElement(code_, [&](auto tag) -> const unsigned char* {
     using T = typename decltype(tag)::type;
-    std::vector<T>* vector = VectorOf<T>::Get(&array);
+    zu::PodVector<T>* vector = VectorOf<T>::Get(&array);
     return vector == nullptr ? nullptr : reinterpret_cast<const unsigned char*>(vector->data());
   });
 }

@@ -3,7 +3,7 @@
 namespace zu {
 
 #define ZU_DEFINE_STD_ADAPTERS(T)                                        \
-  template class CStdContainer<T, std::vector<T>>;                       \
+  template class CStdContainer<T, PodVector<T>>;                         \
   template class CStdContainer<T, std::xdeque<T, kStdDequeBlockLength>>; \
   template class CStdVector<T>;                                          \
   template class CStdDeque<T>;

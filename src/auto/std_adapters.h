@@ -1,7 +1,8 @@
 // CStdVector<T> and CStdDeque<T>: the in-memory storages behind the self-spilling arrays,
-// over a std::vector and over a std::xdeque with blocks of 16384 elements. Each operation is
-// one container call; range operations take the container's bulk path when the source is a
-// plain contiguous buffer.
+// over a PodVector (the vector arrays' container, which grows by moving pages and allocates
+// through the C library whatever Alloc names) and over a std::xdeque with blocks of 16384 elements.
+// Each operation is one container call; range operations take the container's bulk path when the
+// source is a plain contiguous buffer.
 //
 // The element accessors do not test the index (the owning array compares it with GetSize()
 // first); only the back accessors answer null on an empty storage, because an empty deque has
@@ -22,7 +23,6 @@
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
-#include <vector>
 
 #include "src/core/element_list.h"
 #include "src/file/array_imp.h"
@@ -80,14 +80,14 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
 };
 
 template <typename T, typename Alloc = std::allocator<T>>
-class CStdVector final : public CStdContainer<T, std::vector<T, Alloc>, Alloc> {};
+class CStdVector final : public CStdContainer<T, PodVector<T>, Alloc> {};
 
 template <typename T, typename Alloc = std::allocator<T>>
 class CStdDeque final
     : public CStdContainer<T, std::xdeque<T, kStdDequeBlockLength, Alloc>, Alloc> {};
 
 #define ZU_DECLARE_STD_ADAPTERS(T)                                              \
-  extern template class CStdContainer<T, std::vector<T>>;                       \
+  extern template class CStdContainer<T, PodVector<T>>;                         \
   extern template class CStdContainer<T, std::xdeque<T, kStdDequeBlockLength>>; \
   extern template class CStdVector<T>;                                          \
   extern template class CStdDeque<T>;

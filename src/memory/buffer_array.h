@@ -78,7 +78,7 @@ class AttachedBuffer {
 };
 
 template <typename T>
-class CZUBufferArray : public CZUArrayBase<T, std::vector<T>> {
+class CZUBufferArray : public CZUArrayBase<T, PodVector<T>> {
  public:
   CZUBufferArray(unsigned char* buffer, int64_t length)
       : CZUBufferArray(buffer, static_cast<uint64_t>(length), sizeof(T)) {}

@@ -2,7 +2,7 @@
 
 namespace zu {
 
-template class CZUArrayBase<RecordPtr, std::vector<RecordPtr>>;
+template class CZUArrayBase<RecordPtr, PodVector<RecordPtr>>;
 template class CZUArrayBase<RecordPtr, std::xdeque<RecordPtr, kRecordBlockLength>>;
 template class CZUDequeArray<RecordPtr, kRecordBlockLength>;
 

@@ -226,7 +226,7 @@ using CZUDequeRecordArray = CZUDequeArray<RecordPtr, kRecordBlockLength>;
 
 // Records of the caller's buffer, record i at buffer + i * record size.
 template <>
-class CZUBufferArray<RecordPtr> : public CZUArrayBase<RecordPtr, std::vector<RecordPtr>> {
+class CZUBufferArray<RecordPtr> : public CZUArrayBase<RecordPtr, PodVector<RecordPtr>> {
  public:
   CZUBufferArray(int record_size, unsigned char* buffer, int64_t length)
       : CZUBufferArray(record_size, buffer, static_cast<uint64_t>(length),
@@ -318,7 +318,7 @@ class CZUCrossBufferArray<RecordPtr> : public CZUBufferArray<RecordPtr> {
   int gap_;  // >= 0: foreign bytes after each record
 };
 
-extern template class CZUArrayBase<RecordPtr, std::vector<RecordPtr>>;
+extern template class CZUArrayBase<RecordPtr, PodVector<RecordPtr>>;
 extern template class CZUArrayBase<RecordPtr, std::xdeque<RecordPtr, kRecordBlockLength>>;
 extern template class CZUDequeArray<RecordPtr, kRecordBlockLength>;
 

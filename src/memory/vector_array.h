@@ -1,5 +1,6 @@
-// CZUVectorArray<T>: the array over one std::vector<T> that AllocVectorArray hands out, for
-// the four integer element types. It holds at most 2^32 - 1 elements (every index then fits
+// CZUVectorArray<T>: the array over one contiguous vector (PodVector<T>, which grows by moving
+// pages rather than copying elements) that AllocVectorArray hands out, for the four integer
+// element types. It holds at most 2^32 - 1 elements (every index then fits
 // the 32-bit positions of the in-memory containers); a push beyond reports kZuFailed.
 //
 // Range appends from a plain contiguous buffer (AppendBuffer) are copied in one block instead
@@ -12,16 +13,16 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <vector>
 
 #include "src/core/element_list.h"
 #include "src/memory/array_base.h"
+#include "src/memory/pod_vector.h"
 
 namespace zu {
 
-template <typename T, typename A>
-struct ContainerOps<std::vector<T, A>> {
-  using Container = std::vector<T, A>;
+template <typename T>
+struct ContainerOps<PodVector<T>> {
+  using Container = PodVector<T>;
 
   static T& At(Container& c, uint32_t i) { return c[i]; }
   // A push within the capacity, or false (nothing done).
@@ -58,27 +59,27 @@ struct ContainerOps<std::vector<T, A>> {
 };
 
 template <typename T>
-class CZUVectorArray : public CZUArrayBase<T, std::vector<T>> {
+class CZUVectorArray : public CZUArrayBase<T, PodVector<T>> {
  public:
-  using Base = CZUArrayBase<T, std::vector<T>>;
+  using Base = CZUArrayBase<T, PodVector<T>>;
 
   ~CZUVectorArray() override = default;
 
   int AppendRange(ArrayIterBase* first, ArrayIterBase* last) override {
     return GuardAdd([&] {
-      std::vector<T>& c = *this->container_;
+      PodVector<T>& c = *this->container_;
       Base::Ops::InsertRange(c, static_cast<uint32_t>(c.size()), first, last);
     });
   }
 
   bool Init() override {
-    this->container_ = std::make_shared<std::vector<T>>();
+    this->container_ = std::make_shared<PodVector<T>>();
     return this->container_ != nullptr;
   }
 };
 
-#define ZU_DECLARE_VECTOR_ARRAY(T)                       \
-  extern template class CZUArrayBase<T, std::vector<T>>; \
+#define ZU_DECLARE_VECTOR_ARRAY(T)                     \
+  extern template class CZUArrayBase<T, PodVector<T>>; \
   extern template class CZUVectorArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DECLARE_VECTOR_ARRAY)
 #undef ZU_DECLARE_VECTOR_ARRAY
