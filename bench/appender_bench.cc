@@ -11,13 +11,13 @@
 // kernel's copies into the page cache run in the filling thread).
 //
 // Sizes run largest first with the allocator as a host finds it. An in-cache size (at most
-// kInCacheBytes of data) then keeps freed memory in the heap, and runs one untimed round
-// first: a container made and freed over and over should reuse its pages, so that the rows
-// time appends in cache and not the allocator handing memory back to the system.
+// kInCacheBytes of data) then keeps freed memory in the heap, and runs each contender's fills
+// of a repetition in a child process of their own, after one untimed fill (see InChild).
 //
 // Usage: zu_appender_bench [--sizes N,...] [--reps N]   (default 50000000,65536 and 9)
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory).
 #include <malloc.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -103,6 +103,51 @@ Sample FillThroughAppender(uint64_t n, int64_t first) {
   return s;
 }
 
+// The mean of `loops` fills of fresh containers with fresh values from `first` on; a negative
+// wall time when one ended wrong. In cache, as many untimed fills go first: a container made
+// and freed over and over should reuse its pages, so that the time is the appends' and not
+// the allocator's handing memory back and forth with the system (nor, in a child process, the
+// first writes to pages it still shares with its parent).
+Sample Fills(const Contender& contender, uint64_t n, uint64_t loops, int64_t first) {
+  for (uint64_t l = 0; l < loops && loops > 1; ++l) {
+    if (contender.fill(n, first - 1 - static_cast<int64_t>(l)).wall < 0) return {-1, -1};
+  }
+  Sample mean;
+  for (uint64_t l = 0; l < loops; ++l) {
+    first += 7919;
+    Sample s = contender.fill(n, first);
+    if (s.wall < 0) return s;
+    mean.wall += s.wall / static_cast<double>(loops);
+    mean.cpu += s.cpu / static_cast<double>(loops);
+  }
+  return mean;
+}
+
+// Runs `measure` in a child process and hands its sample back. In cache, each contender then
+// starts from the same heap, the parent's: what one contender left in the allocator's free
+// lists does not shape the next one's growth (a block that can or cannot be extended in place
+// is worth as much as the appends themselves at this size).
+template <typename Measure>
+Sample InChild(Measure measure) {
+  int fds[2];
+  if (pipe(fds) != 0) return {-1, -1};
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    const Sample s = measure();
+    const bool sent = write(fds[1], &s, sizeof(s)) == static_cast<ssize_t>(sizeof(s));
+    _exit(sent ? 0 : 1);
+  }
+  close(fds[1]);
+  Sample s{-1, -1};
+  if (child < 0 || read(fds[0], &s, sizeof(s)) != static_cast<ssize_t>(sizeof(s))) s = {-1, -1};
+  close(fds[0]);
+  int status = 0;
+  if (child > 0) waitpid(child, &status, 0);
+  return s;
+}
+
 double Median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
   size_t m = v.size() / 2;
@@ -143,22 +188,20 @@ bool Run(uint64_t n, int reps) {
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
   }
   int64_t first = 1'700'000'000'000;
-  for (int rep = in_cache ? -1 : 0; rep < reps; ++rep) {
+  for (int rep = 0; rep < reps; ++rep) {
     std::vector<Sample> round(contenders.size());
     for (size_t k = 0; k < contenders.size(); ++k) {
       size_t c = (k + static_cast<size_t>(rep + 1)) % contenders.size();
-      for (uint64_t l = 0; l < loops; ++l) {
-        first += 7919;  // fresh input for every fill
-        Sample s = contenders[c].fill(n, first);
-        if (s.wall < 0) {
-          std::fprintf(stderr, "%s: wrong content after filling\n", contenders[c].name);
-          return false;
-        }
-        round[c].wall += s.wall / static_cast<double>(loops);
-        round[c].cpu += s.cpu / static_cast<double>(loops);
+      Sample s = in_cache ? InChild([&] { return Fills(contenders[c], n, loops, first); })
+                          : Fills(contenders[c], n, loops, first);
+      first += static_cast<int64_t>(loops) * 7919;
+      if (s.wall < 0) {
+        std::fprintf(stderr, "%s: wrong content after filling\n", contenders[c].name);
+        return false;
       }
+      round[c] = s;
     }
-    for (size_t c = 0; c < contenders.size() && rep >= 0; ++c) {
+    for (size_t c = 0; c < contenders.size(); ++c) {
       contenders[c].wall.push_back(round[c].wall);
       contenders[c].cpu.push_back(round[c].cpu);
       contenders[c].wall_ratio.push_back(round[0].wall / round[c].wall);
