@@ -186,6 +186,9 @@ TEST(TypedArray, AppenderHandsOverBlocksAndFlushesOnDestruction) {
   const int64_t one = 1;
   auto view = zu::attach(&one, 1);
   { view.appender().push_back(1); }  // the view refuses; the destructor must not throw
+  auto refused = view.appender();
+  refused.push_back(1);
+  EXPECT_EQ(refused.flush(), zu::Status::failed);  // the view's refusal
 }
 
 // A failed hand-over is the appender's answer from then on, and nothing more is handed over:
