@@ -7,12 +7,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <list>
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <type_traits>
 #include <vector>
 
 namespace {
@@ -109,13 +111,19 @@ TEST(Xdeque, FailedBackPushesLeaveThePlaceOfTheNextOne) {
 
 // A record whose copy touches only its tag: the map limit of a huge element type is reached
 // with few elements and little resident memory.
-constexpr size_t kHugeRecordBytes = size_t{1} << 26;
-struct HugeRecord {
-  HugeRecord() {}
-  HugeRecord(const HugeRecord& o) : tag(o.tag) {}
+template <size_t Bytes>
+struct HugeRecordOf {
+  HugeRecordOf() {}
+  HugeRecordOf(const HugeRecordOf& o) : tag(o.tag) {}
   uint32_t tag = 0;
-  unsigned char payload[kHugeRecordBytes - sizeof(uint32_t)];
+  unsigned char payload[Bytes - sizeof(uint32_t)];
 };
+template <typename T>
+struct IsHugeRecord : std::false_type {};
+template <size_t Bytes>
+struct IsHugeRecord<HugeRecordOf<Bytes>> : std::true_type {};
+constexpr size_t kHugeRecordBytes = size_t{1} << 26;
+using HugeRecord = HugeRecordOf<kHugeRecordBytes>;
 
 // Gives each block of records room for the tag alone: the limit is 2^32 - 1 bytes of elements,
 // more than a 32-bit process can address. The map itself gets its real size.
@@ -126,7 +134,7 @@ struct TagOnlyAllocator {
   template <typename U>
   TagOnlyAllocator(const TagOnlyAllocator<U>&) {}
   T* allocate(size_t n) {
-    const size_t each = std::is_same<T, HugeRecord>::value ? sizeof(uint64_t) : sizeof(T);
+    const size_t each = IsHugeRecord<T>::value ? sizeof(uint64_t) : sizeof(T);
     return static_cast<T*>(::operator new(n* each));
   }
   void deallocate(T* p, size_t) { ::operator delete(p); }
@@ -154,5 +162,27 @@ TEST(Xdeque, MapLimitRaisesLengthErrorAndKeepsContents) {
   EXPECT_THROW(d.push_front(*record), std::length_error);
   EXPECT_EQ(d.size(), pushed);
 }
+
+#if SIZE_MAX > 0xFFFFFFFFu
+// Elements of 1 GiB leave room for three blocks, fewer than the map's smallest growth: the
+// first growth must stop at the limit instead of passing it. (64-bit only: a 32-bit process
+// has no room for the one record the test copies from.)
+TEST(Xdeque, AMapLimitBelowTheSmallestGrowthHolds) {
+  using Record = HugeRecordOf<size_t{1} << 30>;
+  auto record = std::make_unique<Record>();
+  std::xdeque<Record, 1, TagOnlyAllocator<Record>> d;
+  uint32_t pushed = 0;
+  try {
+    for (; pushed < 100; ++pushed) {
+      record->tag = pushed;
+      d.push_back(*record);
+    }
+  } catch (const std::length_error&) {
+  }
+  EXPECT_EQ(pushed, d.max_map_size());  // one record a block, every slot used
+  EXPECT_LE(d.map_size(), d.max_map_size());
+  for (uint32_t i = 0; i < d.size(); ++i) EXPECT_EQ(d[i].tag, i);
+}
+#endif
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 namespace zu {
 
-#define ZU_DEFINE_VECTOR_ARRAY(T)                 \
+#define ZU_DEFINE_VECTOR_ARRAY(T)               \
   template class CZUArrayBase<T, PodVector<T>>; \
   template class CZUVectorArray<T>;
 ZU_FOR_EACH_INTEGER_TYPE(ZU_DEFINE_VECTOR_ARRAY)

@@ -339,7 +339,7 @@ class xdeque {
   void GrowMap(uint32_t count) {
     if (kMaxMapSize - map_size_ < count) throw length_error("xdeque<T> too long");
     uint32_t inc = std::max(map_size_ / 2, kMinMapGrowth);
-    if (count < inc && map_size_ <= kMaxMapSize - inc) count = inc;
+    if (count < inc && inc <= kMaxMapSize - map_size_) count = inc;  // map_size_ <= kMaxMapSize
     uint32_t boff = first_ >> kShift;
     uint32_t old_size = map_size_;
     MapAlloc map_alloc(alloc_);
