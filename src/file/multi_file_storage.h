@@ -171,6 +171,10 @@ void CZUMultiFileArrayImp<T, Layout>::Clear() {
 
 template <typename T, typename Layout>
 int64_t CZUMultiFileArrayImp<T, Layout>::GetSize() {
+  if (last_ == nullptr) return 0;
+  if (regular_) {  // every segment before the last holds kSegmentCapacity elements
+    return static_cast<int64_t>((segments_.size() - 1) * kSegmentCapacity) + last_->GetSize();
+  }
   int64_t total = 0;
   for (const auto& segment : segments_) total += segment->GetSize();
   return total;
