@@ -123,9 +123,9 @@ class PodVector {
     capacity_ = n;
   }
 
-  T* data_ = nullptr;  // malloc'd block of capacity_ elements, or null
-  size_t size_ = 0;
-  size_t capacity_ = 0;
+  T* data_ = nullptr;    // a malloc'd block of capacity_ elements, or null while capacity_ is 0
+  size_t size_ = 0;      // elements in use; size_ <= capacity_
+  size_t capacity_ = 0;  // <= kMaxElements
 };
 
 }  // namespace zu
