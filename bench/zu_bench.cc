@@ -881,6 +881,19 @@ struct VectorFloorReader final : FloorReader {
   uint64_t size;
 };
 
+// A pass of reads through a floor reader kept where the compiler cannot see its type.
+Contender::Pass FloorReads(FloorReader* volatile* opaque) {
+  return [opaque](const std::vector<int64_t>& idx, size_t count) {
+    FloorReader* reader = *opaque;
+    int64_t out = 0, sum = 0;
+    for (size_t i = 0; i < count; ++i) {
+      reader->GetAt(static_cast<uint64_t>(idx[i]), &out);
+      sum += out;
+    }
+    return static_cast<uint64_t>(sum);
+  };
+}
+
 void RandomGetAt(Filled& f) {
   const uint64_t n = f.vector.size();
   Row r = MakeRow("random GetAt", "file", n, "M ops/s");
@@ -903,16 +916,7 @@ void RandomGetAt(Filled& f) {
   VectorFloorReader floor_reader(f.vector);
   FloorReader* volatile opaque = &floor_reader;  // no devirtualising: a call as through IZUArray
   double floor_rate = 0;
-  contenders.emplace_back("virtual-call floor", &floor_rate,
-                          [&](const std::vector<int64_t>& idx, size_t count) {
-                            FloorReader* reader = opaque;
-                            int64_t out = 0, sum = 0;
-                            for (size_t i = 0; i < count; ++i) {
-                              reader->GetAt(static_cast<uint64_t>(idx[i]), &out);
-                              sum += out;
-                            }
-                            return static_cast<uint64_t>(sum);
-                          });
+  contenders.emplace_back("virtual-call floor", &floor_rate, FloorReads(&opaque));
 #ifdef ZU_BENCH_HAVE_STXXL
   contenders.emplace_back(
       "stxxl", &r.stxxl,
@@ -936,16 +940,7 @@ void RandomGetAt(Filled& f) {
   VectorFloorReader mapped_floor_reader(f.boost->v().data(), f.boost->v().size());
   FloorReader* volatile mapped_opaque = &mapped_floor_reader;
   double mapped_floor_rate = 0;
-  contenders.emplace_back("mapped-file floor", &mapped_floor_rate,
-                          [&](const std::vector<int64_t>& idx, size_t count) {
-                            FloorReader* reader = mapped_opaque;
-                            int64_t out = 0, sum = 0;
-                            for (size_t i = 0; i < count; ++i) {
-                              reader->GetAt(static_cast<uint64_t>(idx[i]), &out);
-                              sum += out;
-                            }
-                            return static_cast<uint64_t>(sum);
-                          });
+  contenders.emplace_back("mapped-file floor", &mapped_floor_rate, FloorReads(&mapped_opaque));
 #endif
   RunRounds(contenders, WarmRounds(n), kReads, n, false, 7, {});
   FillRow(r, contenders);

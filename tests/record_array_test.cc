@@ -31,6 +31,16 @@ std::vector<unsigned char> Records(int count, unsigned char first) {
   return bytes;
 }
 
+// The range of all `count` elements of `stride` bytes at `data`, as the arrays take ranges.
+struct Range {
+  Range(void* data, unsigned int count, unsigned int stride)
+      : first(static_cast<unsigned char*>(data), count, stride), last(first.Clone()) {
+    last->Seek(count);
+  }
+  SimpleDataIter<unsigned char> first;
+  std::shared_ptr<ArrayIterBase> last;
+};
+
 TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
   CZUDequeRecordArray array(kRecordSize);
   std::vector<unsigned char> value = RecordOf(5), out(kRecordSize);
@@ -48,10 +58,8 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
 
   // AppendRange appends nothing and answers 0.
   std::vector<unsigned char> more = Records(3, 20);
-  SimpleDataIter<unsigned char> first(more.data(), 3, kRecordSize);
-  auto last = first.Clone();
-  last->Seek(3);
-  EXPECT_EQ(array.AppendRange(&first, last.get()), kZuOk);
+  Range records(more.data(), 3, kRecordSize);
+  EXPECT_EQ(array.AppendRange(&records.first, records.last.get()), kZuOk);
   EXPECT_EQ(array.GetSize(), 1u);
 
   // Assign takes a range of record addresses (each position holds an unsigned char*, like
@@ -60,13 +68,10 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
   // record at a position would run past it (and store pointer bytes as records).
   std::vector<RecordPtr> addresses = {more.data() + 2 * kRecordSize, more.data(),
                                       more.data() + kRecordSize};
-  SimpleDataIter<unsigned char> from(reinterpret_cast<unsigned char*>(addresses.data()), 3,
-                                     sizeof(RecordPtr));
-  auto to = from.Clone();
-  to->Seek(3);
-  ASSERT_EQ(array.Assign(&from, to.get()), kZuOk);
+  Range range(addresses.data(), 3, sizeof(RecordPtr));
+  ASSERT_EQ(array.Assign(&range.first, range.last.get()), kZuOk);
   ASSERT_EQ(array.GetSize(), 3u);
-  EXPECT_EQ(from.GetPosition(), 3u);
+  EXPECT_EQ(range.first.GetPosition(), 3u);
   std::fill(more.begin(), more.end(), 0);  // the array must not see the caller's memory
   const unsigned char expected[] = {22, 20, 21};
   for (int i = 0; i < 3; ++i) {
@@ -78,17 +83,14 @@ TEST(CZUDequeRecordArray, RecordsAreOwnedCopies) {
 
   // A null address is refused before anything is replaced.
   std::vector<RecordPtr> with_null = {more.data(), nullptr};
-  SimpleDataIter<unsigned char> null_first(reinterpret_cast<unsigned char*>(with_null.data()), 2,
-                                           sizeof(RecordPtr));
-  auto null_last = null_first.Clone();
-  null_last->Seek(2);
-  EXPECT_EQ(array.Assign(&null_first, null_last.get()), kZuFailed);
+  Range null_range(with_null.data(), 2, sizeof(RecordPtr));
+  EXPECT_EQ(array.Assign(&null_range.first, null_range.last.get()), kZuFailed);
   ASSERT_EQ(array.GetSize(), 3u);
 
   // A range that ends before it starts is refused and replaces nothing.
-  from.Seek(2);
-  to->Seek(1);
-  EXPECT_EQ(array.Assign(&from, to.get()), kZuFailed);
+  range.first.Seek(2);
+  range.last->Seek(1);
+  EXPECT_EQ(array.Assign(&range.first, range.last.get()), kZuFailed);
   ASSERT_EQ(array.GetSize(), 3u);
   ASSERT_NE(array.GetAt(0, out.data()), nullptr);
   EXPECT_EQ(out, RecordOf(22));

@@ -61,16 +61,27 @@ uint64_t BranchlessBisect(const T* data, uint64_t count, GoRight go_right) {
   return first;
 }
 
-// First position in data[0, count) not less than value; count when none.
+// The questions of a lower- and an upper-bound bisection: whether the answer lies past x.
+template <typename T>
+struct BelowValue {
+  const T& value;
+  bool operator()(const T& x) const { return x < value; }
+};
+template <typename T>
+struct NotAboveValue {
+  const T& value;
+  bool operator()(const T& x) const { return !(value < x); }
+};
+
+// First position in data[0, count) not less than value (Lower) or greater than it (Upper);
+// count when none.
 template <typename T>
 uint64_t BranchlessLower(const T* data, uint64_t count, const T& value) {
-  return BranchlessBisect(data, count, [&value](const T& x) { return x < value; });
+  return BranchlessBisect(data, count, BelowValue<T>{value});
 }
-
-// First position in data[0, count) greater than value; count when none.
 template <typename T>
 uint64_t BranchlessUpper(const T* data, uint64_t count, const T& value) {
-  return BranchlessBisect(data, count, [&value](const T& x) { return !(value < x); });
+  return BranchlessBisect(data, count, NotAboveValue<T>{value});
 }
 
 // The same probes again, for a run of file data that is likely outside the CPU caches (one page
@@ -106,12 +117,11 @@ uint64_t PageBisect(const T* data, uint64_t count, GoRight go_right) {
 
 template <typename T>
 uint64_t PageLower(const T* data, uint64_t count, const T& value) {
-  return PageBisect(data, count, [&value](const T& x) { return x < value; });
+  return PageBisect(data, count, BelowValue<T>{value});
 }
-
 template <typename T>
 uint64_t PageUpper(const T* data, uint64_t count, const T& value) {
-  return PageBisect(data, count, [&value](const T& x) { return !(value < x); });
+  return PageBisect(data, count, NotAboveValue<T>{value});
 }
 
 }  // namespace zu
