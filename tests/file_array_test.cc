@@ -60,9 +60,11 @@ TEST(CZUFileArray, ToleranceIsStrictAndSetAtWritesTheFileOnlyInTheLastChunk) {
   EXPECT_EQ(x, v[chunk]);
 
   // Outside the last chunk a write reaches the sample, not the file: reads answered from the
-  // sample see it, copies from the file do not. In the last chunk both do.
+  // sample see it, copies from the file do not (even where reads went straight to the file
+  // before). In the last chunk both do.
   uint32_t out = 0;
   for (uint32_t index : {interval, 3 * chunk - 7}) {
+    EXPECT_EQ(*static_cast<uint32_t*>(array->GetAt(index, &out)), v[index]);
     x = v[index] + 1;
     array->SetAt(index, &x);
     EXPECT_EQ(*static_cast<uint32_t*>(array->GetAt(index, &out)), x);
@@ -157,6 +159,28 @@ TEST(CZUFileArray, FilesFollowTheArrayLifeCycle) {
 
 // One array over two files: single appends cross the border, the heads steer the searches,
 // and a second segment that cannot grow is dropped while the first stays intact.
+// A segment that dies takes the reads that went straight to its file with it: it reads as
+// empty, whether a range or single appends found no room to grow.
+TEST(CZUFileArray, ADeadSegmentReadsAsEmptyAfterDirectReads) {
+  TempDataDir dir;
+  const std::vector<uint8_t> v(kChunk<uint8_t>, 7);
+  for (bool single : {false, true}) {
+    auto array = MakeFileArray<uint8_t>();
+    ASSERT_EQ(array->AppendBuffer(v.data(), v.size()), kZuOk);
+    uint8_t out = 0;
+    ASSERT_NE(array->GetAt(5, &out), nullptr);
+    FaultPlatform faults;
+    faults.Fail(FaultOp::kCreateMapping, 1, true);
+    if (single) {
+      for (uint8_t x : v) array->Append(&x);  // quiet, as single appends are
+    } else {
+      EXPECT_EQ(array->AppendBuffer(v.data(), v.size()), kZuNoSpace);
+    }
+    EXPECT_EQ(array->GetSize(), 0u) << single;
+    EXPECT_EQ(array->GetAt(5, &out), nullptr) << single;
+  }
+}
+
 TEST(CZUFileArray, SegmentsOfOneArray) {
   TempDataDir dir;
   const uint64_t s = kSegment<uint8_t>, interval = Interval<uint8_t>();

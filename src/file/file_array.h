@@ -77,12 +77,14 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
   void SetAt(uint64_t index, const void* value) override {
     Ops::SetAt(*this->container_, index, value);
   }
-  // An element of a wide read view is copied at once; any other is left to the storage (out
-  // of line, so that the common path saves no registers).
+  // The common random read is a bound check and one load from the storage's direct reads:
+  // independent reads overlap their memory misses only as far as the processor's window of
+  // instructions reaches, so every instruction here counts. Any other read is left to the
+  // storage, out of line, so that the common path saves no registers.
   void* GetAt(uint64_t index, void* out) override {
-    const T* element = this->container_->ReadFromWideView(index);
-    if (element == nullptr) return GetAtFromStorage(index, out);
-    *static_cast<T*>(out) = *element;
+    const Storage& storage = *this->container_;
+    if (index >= storage.direct_count()) return GetAtFromStorage(index, out);
+    *static_cast<T*>(out) = storage.direct_reads()[index];
     return out;
   }
   // The storage's cached last element; an empty storage (no file) answers its all-ones
@@ -123,7 +125,15 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
 
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
+  // Reads from a segment's wide view where it can, then through the segment; and lets the
+  // direct reads grow to what the segments now allow.
   [[gnu::noinline]] void* GetAtFromStorage(uint64_t index, void* out) {
+    Storage& storage = *this->container_;
+    storage.RefreshDirectReads();
+    if (const T* element = storage.ReadFromWideView(index)) {
+      *static_cast<T*>(out) = *element;
+      return out;
+    }
     return Base::GetAt(index, out);
   }
 };

@@ -87,6 +87,18 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
     const void* wide = file_.read_view();
     return wide != nullptr ? static_cast<const T*>(wide) + index : nullptr;
   }
+  // Leading elements that read straight from the file through a read view at its given place
+  // (see PlaceReadView): none unless that view is mapped there and no sample differs from the
+  // file; staged elements are not in the file yet.
+  uint64_t DirectlyReadable() const {
+    if (dead_ || !samples_match_file_ || !file_.read_view_placed()) return 0;
+    return size_ < stage_.first() ? size_ : stage_.first();
+  }
+  // Where the wide read view is to be mapped, before it first is: inside a range the caller
+  // reserved and keeps reserved for the segment's whole life.
+  void PlaceReadView(void* address) { file_.PlaceReadView(address); }
+  // The view could not be placed: the range given may have lost its reservation.
+  bool read_place_failed() const { return file_.read_place_failed(); }
   // The cached last appended value (not the file data).
   T* GetBackWritePtr() override { return dead_ ? &placeholders_.back : &last_value_; }
   const T* GetBackReadPtr() override { return GetBackWritePtr(); }

@@ -22,15 +22,28 @@ bool RaiseOpenFileLimitOnce() {
 }  // namespace
 
 ScopedMapping::ScopedMapping(ScopedMapping&& other) noexcept
-    : address_(std::exchange(other.address_, nullptr)), length_(std::exchange(other.length_, 0)) {}
+    : address_(std::exchange(other.address_, nullptr)),
+      length_(std::exchange(other.length_, 0)),
+      placed_(std::exchange(other.placed_, false)) {}
 
 ScopedMapping& ScopedMapping::operator=(ScopedMapping&& other) noexcept {
   if (this != &other) {
     Reset();
     address_ = std::exchange(other.address_, nullptr);
     length_ = std::exchange(other.length_, 0);
+    placed_ = std::exchange(other.placed_, false);
   }
   return *this;
+}
+
+bool ScopedMapping::MapAt(platform::MappingHandle mapping, uint64_t offset, size_t length,
+                          void* address) {
+  Reset();
+  if (platform::Current().MapViewAt(mapping, offset, length, address) == nullptr) return false;
+  address_ = address;
+  length_ = length;
+  placed_ = true;
+  return true;
 }
 
 bool ScopedMapping::Map(platform::MappingHandle mapping, uint64_t offset, size_t length,
@@ -51,7 +64,12 @@ bool ScopedMapping::Map(platform::MappingHandle mapping, uint64_t offset, size_t
 
 void ScopedMapping::Reset() {
   if (address_ == nullptr) return;
-  platform::Current().UnmapView(address_, length_);
+  if (placed_) {
+    platform::Current().UnmapViewAt(address_, length_);
+  } else {
+    platform::Current().UnmapView(address_, length_);
+  }
+  placed_ = false;
   address_ = nullptr;
   length_ = 0;
 }
@@ -134,7 +152,13 @@ void MappedFile::FlushWriteView(size_t bytes) {
 bool MappedFile::MapReadView(uint64_t chunk) {
   const size_t length = static_cast<size_t>(wide_read_view_ ? segment_bytes_ : kChunkBytes);
   read_chunk_ = wide_read_view_ ? 0 : chunk;
-  if (!read_view_.Map(mapping_, wide_read_view_ ? 0 : chunk * kChunkBytes, length, false)) {
+  const bool placed = read_place_ != nullptr && read_view_.MapAt(mapping_, 0, length, read_place_);
+  if (read_place_ != nullptr && !placed) {
+    read_place_ = nullptr;
+    read_place_failed_ = true;
+  }
+  if (!placed &&
+      !read_view_.Map(mapping_, wide_read_view_ ? 0 : chunk * kChunkBytes, length, false)) {
     return false;
   }
   // Searches and random reads touch single pages: read-ahead would only fetch pages nobody

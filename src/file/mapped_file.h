@@ -54,6 +54,10 @@ class ScopedMapping {
   // attempt asks for the old view's address, so a remapped view usually stays where it was;
   // the others let the system choose. False, holding no view, when every attempt failed.
   bool Map(platform::MappingHandle mapping, uint64_t offset, size_t length, bool writable);
+  // Maps a read-only view exactly at `address`, inside a reserved range, in place of the view
+  // held so far; unmapping it gives the range back to the reservation. False, holding no
+  // view, on failure.
+  bool MapAt(platform::MappingHandle mapping, uint64_t offset, size_t length, void* address);
   // Unmaps the view, if any.
   void Reset();
 
@@ -63,6 +67,7 @@ class ScopedMapping {
  private:
   void* address_ = nullptr;  // the view, or null
   size_t length_ = 0;        // bytes mapped at address_
+  bool placed_ = false;      // address_ lies in a reserved range (MapAt)
 };
 
 class MappedFile {
@@ -113,6 +118,15 @@ class MappedFile {
   // Maps the read view on chunk `chunk` (a wide view on the whole segment). Reads through it
   // are taken as random: the system reads no more than the page touched.
   bool MapReadView(uint64_t chunk);
+  // Where a wide read view is to be mapped: `address`, in a range the caller reserved, before
+  // the view is first mapped. A view that cannot be placed there is mapped where the system
+  // likes, and read_place_failed() then tells the caller the range may no longer be reserved.
+  void PlaceReadView(void* address) { read_place_ = wide_read_view_ ? address : nullptr; }
+  // The read view is mapped at the place it was given.
+  bool read_view_placed() const {
+    return read_place_ != nullptr && read_view_.get() == read_place_;
+  }
+  bool read_place_failed() const { return read_place_failed_; }
   // Whether the read view can serve chunk `chunk` as it is.
   bool ReadViewCovers(uint64_t chunk) const {
     return read_view_.get() != nullptr && (wide_read_view_ || read_chunk_ == chunk);
@@ -129,12 +143,14 @@ class MappedFile {
 
  private:
   // The read view first: the segment's lock-free reads look at it.
-  ScopedMapping read_view_;      // one chunk or the whole segment (wide), or none
-  bool wide_read_view_ = false;  // the read view spans the segment from offset 0
-  uint64_t segment_bytes_;       // bytes a wide read view spans
-  uint64_t read_chunk_ = 0;      // chunk the read view covers while mapped (0 when wide)
-  ScopedMapping write_view_;     // one chunk, or none
-  uint64_t write_chunk_ = 0;     // chunk the write view covers while mapped
+  ScopedMapping read_view_;         // one chunk or the whole segment (wide), or none
+  bool wide_read_view_ = false;     // the read view spans the segment from offset 0
+  uint64_t segment_bytes_;          // bytes a wide read view spans
+  uint64_t read_chunk_ = 0;         // chunk the read view covers while mapped (0 when wide)
+  void* read_place_ = nullptr;      // where a wide read view goes (reserved), or null: anywhere
+  bool read_place_failed_ = false;  // a placement failed; read_place_ is given up
+  ScopedMapping write_view_;        // one chunk, or none
+  uint64_t write_chunk_ = 0;        // chunk the write view covers while mapped
   platform::FileHandle file_ = platform::kInvalidFile;      // open while a file is held
   platform::MappingHandle mapping_ = platform::kNoMapping;  // fixes the file's length
   std::wstring path_;  // the held file's path; empty when none is held

@@ -91,6 +91,16 @@ class Platform {
   // one read view for its whole life instead of one per chunk. False where a view is bounded
   // by its mapping object (Windows) or address space is scarce (32-bit builds).
   virtual bool ViewsReachPastFileEnd() = 0;
+  // Reserves `bytes` of address space that holds no memory and into which nothing is mapped
+  // but what MapViewAt places there; null where the platform offers none (views are then
+  // mapped wherever the system likes). ReleaseAddresses gives the whole range back.
+  virtual void* ReserveAddresses(size_t bytes) = 0;
+  virtual void ReleaseAddresses(void* base, size_t bytes) = 0;
+  // Maps a read-only view of `length` bytes of `mapping` from `offset` exactly at `address`,
+  // inside a reserved range, in place of the reservation there; null on failure (the range
+  // stays reserved). UnmapViewAt turns the view back into reserved, empty address space.
+  virtual void* MapViewAt(MappingHandle mapping, uint64_t offset, size_t length, void* address) = 0;
+  virtual void UnmapViewAt(void* address, size_t length) = 0;
   // A hint about how a range of a view will be read; it never changes what the view holds.
   virtual void AdviseView(const void* address, size_t length, ViewAdvice advice) = 0;
   virtual size_t PageSize() = 0;

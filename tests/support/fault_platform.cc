@@ -51,4 +51,10 @@ void* FaultPlatform::MapView(MappingHandle mapping, uint64_t offset, size_t leng
   return native_.MapView(mapping, offset, length, writable, hint);
 }
 
+void* FaultPlatform::MapViewAt(MappingHandle mapping, uint64_t offset, size_t length,
+                               void* address) {
+  if (ShouldFail(FaultOp::kMapView)) return nullptr;
+  return native_.MapViewAt(mapping, offset, length, address);
+}
+
 }  // namespace zu_test

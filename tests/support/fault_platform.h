@@ -40,6 +40,8 @@ class FaultPlatform : public zu::platform::Platform {
   MappingHandle CreateMapping(FileHandle file, uint64_t bytes, IoStatus* status) override;
   void* MapView(MappingHandle mapping, uint64_t offset, size_t length, bool writable,
                 void* hint) override;
+  // Counted and failed as a MapView.
+  void* MapViewAt(MappingHandle mapping, uint64_t offset, size_t length, void* address) override;
   bool ViewsReachPastFileEnd() override {
     return !chunk_read_views_ && native_.ViewsReachPastFileEnd();
   }
@@ -54,6 +56,11 @@ class FaultPlatform : public zu::platform::Platform {
   int64_t FileLength(FileHandle file) override { return native_.FileLength(file); }
   void CloseMapping(MappingHandle mapping) override { native_.CloseMapping(mapping); }
   void UnmapView(void* view, size_t length) override { native_.UnmapView(view, length); }
+  void* ReserveAddresses(size_t bytes) override { return native_.ReserveAddresses(bytes); }
+  void ReleaseAddresses(void* base, size_t bytes) override {
+    native_.ReleaseAddresses(base, bytes);
+  }
+  void UnmapViewAt(void* address, size_t length) override { native_.UnmapViewAt(address, length); }
   void FlushView(void* address, size_t length) override { native_.FlushView(address, length); }
   void AdviseView(const void* address, size_t length, zu::platform::ViewAdvice advice) override {
     native_.AdviseView(address, length, advice);

@@ -174,6 +174,16 @@ class Win32Platform : public Platform {
   // file grows: read views stay one chunk long and follow the reads.
   bool ViewsReachPastFileEnd() override { return false; }
 
+  // A view is bounded by its mapping object here, so the segments keep one-chunk read views
+  // and nothing is placed: no reserved ranges.
+  void* ReserveAddresses(size_t /*bytes*/) override { return nullptr; }
+  void ReleaseAddresses(void* /*base*/, size_t /*bytes*/) override {}
+  void* MapViewAt(MappingHandle /*mapping*/, uint64_t /*offset*/, size_t /*length*/,
+                  void* /*address*/) override {
+    return nullptr;
+  }
+  void UnmapViewAt(void* /*address*/, size_t /*length*/) override {}
+
   // The memory manager's own read-ahead of mapped files is kept.
   void AdviseView(const void* /*address*/, size_t /*length*/, ViewAdvice /*advice*/) override {}
 
