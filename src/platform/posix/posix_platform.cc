@@ -335,7 +335,11 @@ class PosixPlatform : public Platform {
   // The range starts at a multiple of 2 MiB: the system maps the large pieces the page cache
   // holds a file in by one page-table entry each only at such addresses (the TLB then covers
   // 512 times more), and views placed at multiples of their size from there keep that.
+  // None under an address-space limit: the reserved range would count against the host's
+  // own allocations.
   void* ReserveAddresses(size_t bytes) override {
+    struct rlimit limit {};
+    if (::getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY) return nullptr;
     constexpr size_t kAlign = size_t{2} << 20;
     void* raw = ::mmap(nullptr, bytes + kAlign, PROT_NONE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
