@@ -47,6 +47,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/floor_reader.h"
 #include "src/auto/auto_array.h"
 #include "zu_data_manager/zu_data_manager.h"
 
@@ -862,29 +863,9 @@ void MapForReading(IZUArray* a, uint64_t n) {
   g_sink = g_sink + piece[0];
 }
 
-// The floor of any read through a virtual call: an interface whose GetAt does nothing but
-// copy the element from the std::vector's own memory. Independent reads overlap their misses,
-// and the call's own instructions leave room for fewer of them in flight.
-struct FloorReader {
-  virtual ~FloorReader() = default;
-  virtual void* GetAt(uint64_t index, void* out) = 0;
-};
-struct VectorFloorReader final : FloorReader {
-  explicit VectorFloorReader(const std::vector<int64_t>& v) : data(v.data()), size(v.size()) {}
-  VectorFloorReader(const int64_t* d, uint64_t n) : data(d), size(n) {}
-  void* GetAt(uint64_t index, void* out) override {
-    if (index >= size) return nullptr;
-    *static_cast<int64_t*>(out) = data[index];
-    return out;
-  }
-  const int64_t* data;
-  uint64_t size;
-};
-
-// A pass of reads through a floor reader kept where the compiler cannot see its type.
-Contender::Pass FloorReads(FloorReader* volatile* opaque) {
-  return [opaque](const std::vector<int64_t>& idx, size_t count) {
-    FloorReader* reader = *opaque;
+// A pass of reads through the floor of a virtual read (bench/floor_reader.h).
+Contender::Pass FloorReads(zu_bench::FloorReader* reader) {
+  return [reader](const std::vector<int64_t>& idx, size_t count) {
     int64_t out = 0, sum = 0;
     for (size_t i = 0; i < count; ++i) {
       reader->GetAt(static_cast<uint64_t>(idx[i]), &out);
@@ -900,9 +881,10 @@ void RandomGetAt(Filled& f) {
   constexpr size_t kReads = size_t{1} << 20;
   std::vector<Contender> contenders;
   contenders.emplace_back("zu", &r.zu, [&](const std::vector<int64_t>& idx, size_t count) {
+    IZUArray* array = f.file.get();  // held in a local, as a host's loop holds it
     int64_t out = 0, sum = 0;
     for (size_t i = 0; i < count; ++i) {
-      f.file->GetAt(static_cast<uint64_t>(idx[i]), &out);
+      array->GetAt(static_cast<uint64_t>(idx[i]), &out);
       sum += out;
     }
     return static_cast<uint64_t>(sum);
@@ -913,10 +895,9 @@ void RandomGetAt(Filled& f) {
                             for (size_t i = 0; i < count; ++i) sum += f.vector[idx[i]];
                             return static_cast<uint64_t>(sum);
                           });
-  VectorFloorReader floor_reader(f.vector);
-  FloorReader* volatile opaque = &floor_reader;  // no devirtualising: a call as through IZUArray
+  auto floor_reader = zu_bench::MakeFloorReader(f.vector.data(), f.vector.size());
   double floor_rate = 0;
-  contenders.emplace_back("virtual-call floor", &floor_rate, FloorReads(&opaque));
+  contenders.emplace_back("virtual-call floor", &floor_rate, FloorReads(floor_reader.get()));
 #ifdef ZU_BENCH_HAVE_STXXL
   contenders.emplace_back(
       "stxxl", &r.stxxl,
@@ -937,10 +918,10 @@ void RandomGetAt(Filled& f) {
   });
   // The same floor over a mapped file's memory: what a read through the interface could cost
   // on memory mapped the way the file array's is.
-  VectorFloorReader mapped_floor_reader(f.boost->v().data(), f.boost->v().size());
-  FloorReader* volatile mapped_opaque = &mapped_floor_reader;
+  auto mapped_floor_reader = zu_bench::MakeFloorReader(f.boost->v().data(), f.boost->v().size());
   double mapped_floor_rate = 0;
-  contenders.emplace_back("mapped-file floor", &mapped_floor_rate, FloorReads(&mapped_opaque));
+  contenders.emplace_back("mapped-file floor", &mapped_floor_rate,
+                          FloorReads(mapped_floor_reader.get()));
 #endif
   RunRounds(contenders, WarmRounds(n), kReads, n, false, 7, {});
   FillRow(r, contenders);
