@@ -370,8 +370,8 @@ class PosixPlatform : public Platform {
     // Replaced in one step, so that no other mapping can slip into the range meanwhile. Should
     // that fail, the view stays where it is rather than leave a hole in the range that a
     // later view placed there would take from whoever had moved in.
-    ::mmap(address, length, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1,
-           0);
+    static_cast<void>(::mmap(address, length, PROT_NONE,
+                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0));
   }
 
   void FlushView(void* address, size_t length) override {
