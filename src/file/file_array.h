@@ -125,15 +125,10 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
 
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
-  // Reads from a segment's wide view where it can, then through the segment; and lets the
-  // direct reads grow to what the segments now allow.
+  // Through the segment (which reads its wide view without a lock where it can), after letting
+  // the direct reads grow to what the segments now allow.
   [[gnu::noinline]] void* GetAtFromStorage(uint64_t index, void* out) {
-    Storage& storage = *this->container_;
-    storage.RefreshDirectReads();
-    if (const T* element = storage.ReadFromWideView(index)) {
-      *static_cast<T*>(out) = *element;
-      return out;
-    }
+    this->container_->RefreshDirectReads();
     return Base::GetAt(index, out);
   }
 };

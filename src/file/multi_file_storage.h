@@ -49,14 +49,6 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
 
   T* GetWritePtr(int64_t index) override;
   const T* GetReadPtr(int64_t index) override;
-  // Element `index` when it can be read at once from a segment's wide read view (see
-  // ReadFromWideView); null when GetReadPtr must answer. Only while every segment but the last
-  // is full, so that the segment's own size tells whether the index is within the storage.
-  const T* ReadFromWideView(uint64_t index) const {
-    const uint64_t s = index / kSegmentCapacity;
-    if (!regular_ || s >= segments_.size()) return nullptr;
-    return segments_[s]->ReadFromWideView(index % kSegmentCapacity);
-  }
   T* GetBackWritePtr() override;
   const T* GetBackReadPtr() override;
   // Drops every segment; their files are deleted.
