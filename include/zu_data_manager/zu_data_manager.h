@@ -3,6 +3,7 @@
 #define ZU_DATA_MANAGER_ZU_DATA_MANAGER_H_
 
 #include "zu_data_manager/array_factory.h"
+#include "zu_data_manager/direct_read.h"
 #include "zu_data_manager/element_types.h"
 #include "zu_data_manager/iterators.h"
 #include "zu_data_manager/values.h"

@@ -91,6 +91,17 @@ class CZUAutoDequeArray : public CZUArrayBase<T, IZUArrayImp<T>> {
   // A fresh, empty in-memory storage (a block deque).
   bool Init() override;
 
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    return spilled_ ? InFiles::ReadRunAt(Files(), index, run)
+                    : MemoryRunAt<CStdDeque<T, Alloc>>(index, run);
+  }
+  bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
+    if (spilled_) return InFiles::SearchBatch(Files(), search, keys, count, out);
+    return SearchInRuns<T>(
+        this->Size(), [this](uint64_t i, ZuReadRun* run) { return this->ReadRunAt(i, run); },
+        search, keys, count, out);
+  }
+
   bool spilled() const { return spilled_; }
   // The storage in use: the in-memory adapter, or the multi-file storage once spilled.
   IZUArrayImp<T>* storage() const { return this->container_.get(); }
@@ -117,6 +128,11 @@ class CZUAutoDequeArray : public CZUArrayBase<T, IZUArrayImp<T>> {
   // Installs a fresh, empty in-memory storage of type Memory.
   template <typename Memory>
   bool StartInMemory();
+  // The run around `index` of the in-memory storage, of type Memory.
+  template <typename Memory>
+  bool MemoryRunAt(uint64_t index, ZuReadRun* run) {
+    return static_cast<Memory&>(*this->container_).RunAt(index, run);
+  }
 
   // True exactly when container_ holds the multi-file storage; until then it holds the
   // flavour's in-memory storage (CStdDeque here, CStdVector in the vector flavour).
@@ -135,6 +151,14 @@ class CZUAutoVectorArray : public CZUAutoDequeArray<T, Alloc, Layout> {
   int Append(const void* value) override;
   // A fresh, empty in-memory storage (a vector).
   bool Init() override;
+
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    return this->spilled_ ? Base::ReadRunAt(index, run)
+                          : this->template MemoryRunAt<CStdVector<T, Alloc>>(index, run);
+  }
+
+ private:
+  using Base = CZUAutoDequeArray<T, Alloc, Layout>;
 };
 
 template <typename T, typename Alloc, typename Layout>

@@ -57,6 +57,11 @@ class CStdContainer : public IZUArrayImp<T, Alloc> {
   }
 
   uint64_t size() const { return data_.size(); }
+  // The elements around `index` that lie one after another (see ZuGetReadRun); any append may
+  // move them into files.
+  bool RunAt(uint64_t index, ZuReadRun* run) const {
+    return ContainerRunAt<Ops>(data_, index, 0, run);
+  }
   // Indexes are 32-bit inside; the deque's map limit is always reached first.
   void push_back(const T& value) { PushBackWithinLimit(data_, value); }
   // A push that allocates nothing (and so cannot fail), or false with nothing done.

@@ -58,6 +58,13 @@ struct FileArrayOps {
   static bool LoadDescription(Storage& files, const base::DictionaryValue* desc);
   // Hands out a new description (the caller owns it); false for a null out.
   static bool SaveDescription(Storage& files, base::DictionaryValue** out);
+  static bool ReadRunAt(Storage& files, uint64_t index, ZuReadRun* run) {
+    return files.ReadRunAt(index, run);
+  }
+  // Over the files' runs once the staged elements are written, when the runs cover the
+  // array; UpperBound answers as the storage does at the last segment's end.
+  static bool SearchBatch(Storage& files, ZuSearch search, const void* keys, uint64_t count,
+                          uint64_t* out);
 };
 
 // Layout: the size of the storage's segments (FileLayout unless a test chooses a smaller one).
@@ -123,6 +130,13 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
   // Creates the empty storage; no file is made before the first element.
   bool Init() override;
 
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    return Ops::ReadRunAt(*this->container_, index, run);
+  }
+  bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
+    return Ops::SearchBatch(*this->container_, search, keys, count, out);
+  }
+
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
   // Through the segment (which reads its wide view without a lock where it can), after letting
@@ -149,6 +163,23 @@ template <typename T, typename Layout>
 bool FileArrayOps<T, Layout>::SaveDescription(Storage& files, base::DictionaryValue** out) {
   if (out == nullptr) return false;
   *out = files.SaveDescription();
+  return true;
+}
+
+template <typename T, typename Layout>
+bool FileArrayOps<T, Layout>::SearchBatch(Storage& files, ZuSearch search, const void* keys,
+                                          uint64_t count, uint64_t* out) {
+  files.WriteStaged();
+  const auto size = static_cast<uint64_t>(files.GetSize());
+  auto run_at = [&files](uint64_t i, ZuReadRun* run) { return files.ReadRunAt(i, run); };
+  if (!SearchInRuns<T>(size, run_at, search, keys, count, out)) return false;
+  if (search == kZuSearchUpperBound && size > 0) {
+    // A value at or above the last segment's last element answers that segment's end.
+    const uint64_t next = ((size - 1) / Storage::kSegmentCapacity + 1) * Storage::kSegmentCapacity;
+    for (uint64_t k = 0; k < count; ++k) {
+      if (out[k] == size) out[k] = next;
+    }
+  }
   return true;
 }
 

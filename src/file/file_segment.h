@@ -91,9 +91,22 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // (see PlaceReadView): none unless that view is mapped there and no sample differs from the
   // file; staged elements are not in the file yet.
   uint64_t DirectlyReadable() const {
-    if (dead_ || !samples_match_file_ || !file_.read_view_placed()) return 0;
+    return file_.read_view_placed() ? ReadableInPlace() : 0;
+  }
+  // Leading elements that read straight from the file through the wide read view, wherever
+  // it is mapped (see wide_view()).
+  uint64_t ReadableInPlace() const {
+    if (dead_ || !samples_match_file_ || !file_.wide_read_view() || file_.read_view() == nullptr) {
+      return 0;
+    }
     return size_ < stage_.first() ? size_ : stage_.first();
   }
+  // The wide read view as elements, or null; it stays in place while the segment lives.
+  const T* wide_view() const {
+    return file_.wide_read_view() ? static_cast<const T*>(file_.read_view()) : nullptr;
+  }
+  // Writes the elements that single appends staged to the file.
+  void WriteStaged() { WriteStage(); }
   // Where the wide read view is to be mapped, before it first is: inside a range the caller
   // reserved and keeps reserved for the segment's whole life.
   void PlaceReadView(void* address) { file_.PlaceReadView(address); }

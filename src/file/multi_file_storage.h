@@ -28,6 +28,7 @@
 #include "src/core/range.h"
 #include "src/file/file_segment.h"
 #include "src/file/imp_array_base.h"
+#include "zu_data_manager/direct_read.h"
 
 namespace zu {
 
@@ -101,6 +102,13 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   uint64_t direct_count() const { return direct_count_; }
   const T* direct_reads() const { return static_cast<const T*>(reserved_.base); }
   void RefreshDirectReads();
+  // The run around element `index` that reads in place (see ZuGetReadRun): the whole direct
+  // prefix, else the readable part of the segment's wide read view. False when there is none.
+  bool ReadRunAt(uint64_t index, ZuReadRun* run);
+  // Writes what single appends staged, so that every element can be read from the files.
+  void WriteStaged() {
+    if (last_ != nullptr) last_->WriteStaged();
+  }
 
   size_t SegmentCount() const { return segments_.size(); }
   Segment& segment(size_t s) { return *segments_[s]; }
@@ -267,6 +275,22 @@ void CZUMultiFileArrayImp<T, Layout>::RefreshDirectReads() {
     direct_count_ = s * kSegmentCapacity + readable;
     if (readable < kSegmentCapacity) return;
   }
+}
+
+template <typename T, typename Layout>
+bool CZUMultiFileArrayImp<T, Layout>::ReadRunAt(uint64_t index, ZuReadRun* run) {
+  RefreshDirectReads();
+  if (index < direct_count_) {
+    *run = {direct_reads(), 0, direct_count_, kZuRunKeptByAppends};
+    return true;
+  }
+  const uint64_t s = index / kSegmentCapacity;
+  if (!regular_ || s >= segments_.size()) return false;
+  const Segment& segment = *segments_[s];
+  const uint64_t readable = segment.ReadableInPlace();
+  if (index % kSegmentCapacity >= readable) return false;
+  *run = {segment.wide_view(), s * kSegmentCapacity, readable, kZuRunKeptByAppends};
+  return true;
 }
 
 template <typename T, typename Layout>

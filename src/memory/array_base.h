@@ -24,8 +24,11 @@
 #include <memory>
 #include <stdexcept>
 #include <type_traits>
+#include <vector>
 
+#include "src/core/batch_search.h"
 #include "src/core/bisect.h"
+#include "src/core/direct_reads.h"
 #include "src/core/errors.h"
 #include "src/core/range.h"
 #include "zu_data_manager/zu_array.h"
@@ -35,9 +38,13 @@ namespace zu {
 // In-memory containers address elements with 32-bit positions.
 constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;
 
+// DirectReads is the second base: the exported read path finds it there, and its virtual
+// functions stay out of the slots below.
 template <typename T>
-class CZUArrayCommon : public IZUArray {
+class CZUArrayCommon : public IZUArray, public DirectReads {
  public:
+  CZUArrayCommon() : DirectReads(sizeof(T)) {}
+
   // The nearest element by LowerBound; the tolerance is only honoured by file arrays.
   uint64_t FindNearest(void* inout, uint64_t /*tolerance*/) override {
     uint64_t i = this->LowerBound(inout);
@@ -88,10 +95,32 @@ struct ArrayBaseFamily {
 };
 
 // Per-container operations: At(c, i), InsertRange(c, pos, first, last), CopyOut(c, from, n,
-// dest), EraseAll(c) (keeps capacity or blocks for reuse), and optionally TryPushBack(c, v)
-// (a push that allocates nothing, or false). Specialised next to each container.
+// dest), EraseAll(c) (keeps capacity or blocks for reuse), RunAround(c, i, &first, &count) (the
+// address of element first, from which count elements around element i < size lie one after
+// another), and optionally TryPushBack(c, v) (a push that allocates nothing, or false).
+// Specialised next to each container.
 template <typename Container>
 struct ContainerOps;
+
+// The run of an in-memory container around `index`: false beyond its size.
+template <typename Ops, typename Container>
+bool ContainerRunAt(const Container& c, uint64_t index, uint32_t flags, ZuReadRun* run) {
+  if (index >= c.size()) return false;
+  run->data = Ops::RunAround(c, index, &run->first, &run->count);
+  run->flags = flags;
+  return true;
+}
+
+// The batch over the runs that run_at(index, ZuReadRun*) answers for [0, size); false, with
+// nothing written, when some index has none.
+template <typename T, typename RunAt>
+bool SearchInRuns(uint64_t size, RunAt&& run_at, ZuSearch search, const void* keys,
+                  uint64_t count, uint64_t* out) {
+  std::vector<SortedRun<T>> runs;
+  if (!CollectRuns<T>(size, run_at, &runs)) return false;
+  SearchRuns(runs, search, static_cast<const T*>(keys), count, out);
+  return true;
+}
 
 // Whether Ops offers TryPushBack.
 template <typename Ops, typename = void>

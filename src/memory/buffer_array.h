@@ -109,6 +109,28 @@ class CZUBufferArray : public CZUArrayBase<T, PodVector<T>> {
   virtual T* GetElementPtrAt(uint64_t index) { return GetElementPtr(index); }
   virtual void* CopyElementAt(uint64_t index, void* out) { return this->GetAt(index, out); }
 
+  // The caller's buffer when its elements lie one after another, aligned for T, and every
+  // index reaches its element (the positions are 32-bit).
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    const uint64_t n = view_.count();
+    const unsigned char* data = view_.Address(0);
+    if (index >= n || view_.stride() != sizeof(T) || n > kMaxInMemoryElements ||
+        reinterpret_cast<uintptr_t>(data) % alignof(T) != 0) {
+      return false;
+    }
+    *run = {data, 0, n, kZuRunKeptByAppends};
+    return true;
+  }
+  // Only the UpperBound slot searches here, and it answers an exact-match search; the other
+  // searches are left to their single calls, which refuse.
+  bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
+    if (search != kZuSearchUpperBound) return false;
+    return SearchInRuns<T>(
+        view_.count(),
+        [this](uint64_t i, ZuReadRun* run) { return CZUBufferArray::ReadRunAt(i, run); },
+        kZuSearchFind, keys, count, out);
+  }
+
  protected:
   CZUBufferArray(unsigned char* buffer, uint64_t length, size_t stride)
       : view_(buffer, length, stride == 0 ? 0 : length / stride, stride) {}
@@ -147,6 +169,12 @@ class CZUCrossBufferArray : public CZUBufferArray<T> {
   }
 
   int gap() const { return gap_; }
+
+  // Its UpperBound slot searches backwards: a batch is one such search per key.
+  bool SearchBatch(ZuSearch /*search*/, const void* /*keys*/, uint64_t /*count*/,
+                   uint64_t* /*out*/) override {
+    return false;
+  }
 
  private:
   int gap_;  // >= 0: foreign bytes after each element

@@ -35,6 +35,9 @@ struct ContainerOps<std::xdeque<T, N, A>> {
   static bool TryPushBack(Container& c, const T& v) { return c.try_push_back(v); }
   // Keeps the blocks for the elements that usually follow.
   static void EraseAll(Container& c) { c.erase(c.begin(), c.end()); }
+  static const T* RunAround(const Container& c, uint64_t i, uint64_t* first, uint64_t* count) {
+    return c.block_run(static_cast<uint32_t>(i), first, count);
+  }
   static void CopyOut(Container& c, uint32_t from, uint32_t n, T* dest) {
     c.copy_out(from, n, dest);
   }
@@ -82,6 +85,16 @@ class CZUDequeArray : public CZUArrayBase<T, std::xdeque<T, N>> {
   bool Init() override {
     this->container_ = std::make_shared<Container>();
     return this->container_ != nullptr;
+  }
+
+  // The block around the index: appends add blocks but never move one.
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    return ContainerRunAt<typename Base::Ops>(*this->container_, index, kZuRunKeptByAppends, run);
+  }
+  bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
+    return SearchInRuns<T>(
+        this->container_->size(), [this](uint64_t i, ZuReadRun* run) { return ReadRunAt(i, run); },
+        search, keys, count, out);
   }
 };
 

@@ -32,6 +32,11 @@ struct ContainerOps<PodVector<T>> {
     return true;
   }
   static void EraseAll(Container& c) { c.clear(); }
+  static const T* RunAround(const Container& c, uint64_t /*i*/, uint64_t* first, uint64_t* count) {
+    *first = 0;
+    *count = c.size();
+    return c.data();
+  }
   static void CopyOut(Container& c, uint32_t from, uint32_t n, T* dest) {
     if (n != 0) std::memcpy(dest, c.data() + from, static_cast<size_t>(n) * sizeof(T));
   }
@@ -75,6 +80,16 @@ class CZUVectorArray : public CZUArrayBase<T, PodVector<T>> {
   bool Init() override {
     this->container_ = std::make_shared<PodVector<T>>();
     return this->container_ != nullptr;
+  }
+
+  // The whole vector; any append may move it.
+  bool ReadRunAt(uint64_t index, ZuReadRun* run) override {
+    return ContainerRunAt<typename Base::Ops>(*this->container_, index, 0, run);
+  }
+  bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
+    return SearchInRuns<T>(
+        this->container_->size(), [this](uint64_t i, ZuReadRun* run) { return ReadRunAt(i, run); },
+        search, keys, count, out);
   }
 };
 

@@ -126,6 +126,15 @@ class xdeque {
   const_iterator cend() const { return end(); }
 
   // No range check: callers test the index against size() first.
+  // The elements around element i (< size()) that share its block, which never moves while it
+  // holds elements: the address of element *first, from which *count elements follow.
+  const T* block_run(size_type i, uint64_t* first, uint64_t* count) const {
+    const uint64_t q = uint64_t{first_} + i;
+    const uint64_t before = std::min<uint64_t>(i, q & kMask);
+    *first = i - before;
+    *count = std::min<uint64_t>(size_ - *first, before + (N - (q & kMask)));
+    return Address(q - before);
+  }
   T& operator[](size_type i) { return *Address(uint64_t{first_} + i); }
   const T& operator[](size_type i) const { return *Address(uint64_t{first_} + i); }
   T& front() { return (*this)[0]; }
