@@ -139,10 +139,8 @@ class CZUFileArray : public CZUArrayBase<T, CZUMultiFileArrayImp<T, Layout>> {
 
  private:
   [[gnu::noinline]] int AppendGuarded(const void* value) { return Base::Append(value); }
-  // Through the segment (which reads its wide view without a lock where it can), after letting
-  // the direct reads grow to what the segments now allow.
+  // Through the segment (which reads its wide view without a lock where it can).
   [[gnu::noinline]] void* GetAtFromStorage(uint64_t index, void* out) {
-    this->container_->RefreshDirectReads();
     return Base::GetAt(index, out);
   }
 };

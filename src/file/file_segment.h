@@ -40,6 +40,7 @@
 #include "src/file/append_stage.h"
 #include "src/file/array_imp.h"
 #include "src/file/mapped_file.h"
+#include "src/file/read_map.h"
 #include "src/file/sample_index.h"
 #include "zu_data_manager/values.h"
 
@@ -87,9 +88,9 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
     const void* wide = file_.read_view();
     return wide != nullptr ? static_cast<const T*>(wide) + index : nullptr;
   }
-  // Leading elements that read straight from the file through a read view at its given place
-  // (see PlaceReadView): none unless that view is mapped there and no sample differs from the
-  // file; staged elements are not in the file yet.
+  // Leading elements that read straight from the file through a read view at the place its
+  // read map gave (see UseReadMap): none unless that view is mapped there and no sample
+  // differs from the file; staged elements are not in the file yet.
   uint64_t DirectlyReadable() const {
     return file_.read_view_placed() ? ReadableInPlace() : 0;
   }
@@ -107,11 +108,16 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   }
   // Writes the elements that single appends staged to the file.
   void WriteStaged() { WriteStage(); }
-  // Where the wide read view is to be mapped, before it first is: inside a range the caller
-  // reserved and keeps reserved for the segment's whole life.
-  void PlaceReadView(void* address) { file_.PlaceReadView(address); }
-  // The view could not be placed: the range given may have lost its reservation.
-  bool read_place_failed() const { return file_.read_place_failed(); }
+  // Before the wide read view is first mapped: the read map this segment reports to, as its
+  // segment `index`, and where the view goes there (null: wherever the system likes).
+  void UseReadMap(ReadMap* map, size_t index, void* place) {
+    read_map_ = map;
+    read_index_ = index;
+    file_.PlaceReadView(place);
+  }
+  // Maps the wide read view again at `address` and hands the old one, still mapped, to *old
+  // (the read map keeps it while runs over it may be in use). False when it cannot.
+  bool MoveReadView(void* address, ScopedMapping* old) { return file_.MoveReadView(address, old); }
   // The cached last appended value (not the file data).
   T* GetBackWritePtr() override { return dead_ ? &placeholders_.back : &last_value_; }
   const T* GetBackReadPtr() override { return GetBackWritePtr(); }
@@ -184,6 +190,19 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
 
   // The one teardown: forgets every element and unmaps the views, then as `what` says.
   void TearDown(Teardown what);
+  // The one report of what the segment reads in place, to its read map: every change that can
+  // change it (the file taking appended elements, a sample that differs from the file, failing,
+  // clearing, attaching, the read view mapped) ends with it.
+  void ReportReadable() {
+    if (read_map_ != nullptr) {
+      read_map_->Report(read_index_, DirectlyReadable(), file_.read_place_failed());
+    }
+  }
+  // Reports when it goes out of scope, however the operation ends.
+  struct ReportWhenDone {
+    CZUFileArrayImp* segment;
+    ~ReportWhenDone() { segment->ReportReadable(); }
+  };
   // Maps the chosen view on the chunk of `position` (the write view takes the stage and is
   // written back first); tears the segment down on failure.
   bool MapView(uint64_t position, View view);
@@ -248,6 +267,8 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // False once a sampled element may differ from its sample (a write through GetWritePtr, or
   // SetElement outside the last chunk); true again when the samples are dropped.
   bool samples_match_file_ = true;
+  ReadMap* read_map_ = nullptr;  // told what the segment reads in place; null: nobody
+  size_t read_index_ = 0;        // this segment's number there
 };
 
 #define ZU_DECLARE_FILE_SEGMENT(T) extern template class CZUFileArrayImp<T>;

@@ -64,6 +64,7 @@ void CZUFileArrayImp<T, Layout>::TearDown(Teardown what) {
   size_ = 0;
   if (what == Teardown::kCloseFile) {
     file_.Close();
+    ReportReadable();
     return;
   }
   // Unmapping (rather than only forgetting) the views keeps a dead segment from pinning
@@ -71,6 +72,7 @@ void CZUFileArrayImp<T, Layout>::TearDown(Teardown what) {
   file_.UnmapViews();
   ready_ = false;
   dead_ = true;
+  ReportReadable();
 }
 
 template <typename T, typename Layout>
@@ -112,6 +114,7 @@ bool CZUFileArrayImp<T, Layout>::Grow(uint64_t capacity) {
                 MapView(file_.read_chunk() * kChunkLength, View::kRead));
     }
   }
+  ReportReadable();
   if (no_space) throw ZuArrayNoSpaceException();
   return mapped;
 }
@@ -132,6 +135,7 @@ void CZUFileArrayImp<T, Layout>::WriteStage() {
   const uint64_t first = stage_.TakeRun();
   const T* data = stage_.At(first);
   const size_t bytes = static_cast<size_t>(size_ - first) * sizeof(T);
+  ReportWhenDone report{this};
   if (file_.WriteAt(first * sizeof(T), data, bytes) == platform::IoStatus::kOk) return;
   // The blocks are reserved and the write view covers the staged chunk (it is only moved
   // after the stage was written), so a copy through it cannot fail.
@@ -156,6 +160,7 @@ T* CZUFileArrayImp<T, Layout>::GetWritePtr(int64_t index) {
   // A write through it may change a sampled element behind its sample's back.
   if (slot != &placeholders_.write && samples_.IsSampled(static_cast<uint64_t>(index))) {
     samples_match_file_ = false;
+    ReportReadable();
   }
   return slot;
 }
@@ -200,6 +205,7 @@ void CZUFileArrayImp<T, Layout>::Clear() {
   if (file_.has_mapping()) MapView(0, View::kWrite);
   samples_.Clear();
   samples_match_file_ = true;
+  ReportReadable();
 }
 
 template <typename T, typename Layout>
@@ -299,6 +305,7 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
 template <typename T, typename Layout>
 void CZUFileArrayImp<T, Layout>::Append(const ZuArrayIter<T>& first, const ZuArrayIter<T>& last) {
   if (dead_) return;
+  ReportWhenDone report{this};
   WriteStage();  // the range follows the staged elements in the file
   ArrayIterBase* source = first.base();
   const int64_t wanted = RangeCount(source, last.base());
@@ -370,6 +377,7 @@ void CZUFileArrayImp<T, Layout>::SetElement(uint64_t index, const T& value) {
   if (slot == &placeholders_.write && samples_.Find(index) != nullptr) samples_match_file_ = false;
   samples_.Overwrite(index, value);
   if (size_ > 0 && index == size_ - 1) last_value_ = value;
+  ReportReadable();
 }
 
 template <typename T, typename Layout>
@@ -392,6 +400,7 @@ bool CZUFileArrayImp<T, Layout>::Attach(const base::DictionaryValue& entry) {
   ready_ = false;
   CZUScopedLock read(read_lock_);
   CZUScopedLock write(write_lock_);
+  ReportWhenDone report{this};
   if (file_.write_view() != nullptr) file_.FlushWriteView(kChunkBytes);
   TearDown(Teardown::kCloseFile);
   capacity_ = 0;

@@ -105,12 +105,13 @@ bool MappedFile::Open(const std::wstring& path, uint64_t min_bytes) {
 
 void MappedFile::UnmapViews() {
   write_view_.Reset();
-  read_view_.Reset();
+  if (!wide_read_view_) read_view_.Reset();
   read_chunk_ = 0;
 }
 
 void MappedFile::Close() {
   UnmapViews();
+  read_view_.Reset();
   platform::Platform& os = platform::Current();
   os.CloseMapping(mapping_);
   mapping_ = platform::kNoMapping;
@@ -164,6 +165,22 @@ bool MappedFile::MapReadView(uint64_t chunk) {
   // Searches and random reads touch single pages: read-ahead would only fetch pages nobody
   // asked for. Bulk copies ask for their range themselves.
   platform::Current().AdviseView(read_view_.get(), length, platform::ViewAdvice::kRandom);
+  return true;
+}
+
+bool MappedFile::MoveReadView(void* address, ScopedMapping* old) {
+  if (!wide_read_view_ || address == nullptr) return false;
+  if (read_view_.get() == nullptr) {
+    read_place_ = address;
+    return true;
+  }
+  ScopedMapping moved;
+  const auto length = static_cast<size_t>(segment_bytes_);
+  if (!moved.MapAt(mapping_, 0, length, address)) return false;
+  platform::Current().AdviseView(address, length, platform::ViewAdvice::kRandom);
+  *old = std::move(read_view_);
+  read_view_ = std::move(moved);
+  read_place_ = address;
   return true;
 }
 

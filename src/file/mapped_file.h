@@ -36,9 +36,11 @@ constexpr uint64_t kSegmentBytes = 0x8000000;
 // The size of a segment as a type, so that file storage can be instantiated with smaller
 // segments: the library's storage uses this one; a layout of a few chunks per segment reaches
 // the segment boundaries without writing 128 MiB (for tests). kSegmentBytes must be a
-// multiple of kChunkBytes.
+// multiple of kChunkBytes. kFirstPlacedSegments: the segments whose read views the first
+// reserved range of addresses holds (8 GiB for the library's; it grows from there).
 struct FileLayout {
   static constexpr uint64_t kSegmentBytes = ::zu::kSegmentBytes;
+  static constexpr uint64_t kFirstPlacedSegments = 64;
 };
 
 class ScopedMapping {
@@ -87,7 +89,9 @@ class MappedFile {
   // Unmaps both views, closes the mapping object and the file, and deletes the file (or leaves
   // that to the file's last holder).
   void Close();
-  // Unmaps both views; the file and its mapping object stay.
+  // Unmaps the write view and a read view of one chunk; the file, its mapping object and a
+  // wide read view stay (a wide view pins nothing but addresses, and what was read in place
+  // through it stays readable until the segment goes).
   void UnmapViews();
 
   bool is_open() const { return file_ != platform::kInvalidFile; }
@@ -122,6 +126,10 @@ class MappedFile {
   // the view is first mapped. A view that cannot be placed there is mapped where the system
   // likes, and read_place_failed() then tells the caller the range may no longer be reserved.
   void PlaceReadView(void* address) { read_place_ = wide_read_view_ ? address : nullptr; }
+  // Maps the wide read view again at `address` (in a range the caller reserved) and hands the
+  // view mapped so far to *old, still mapped; without a view yet, only the place changes.
+  // False, with the view and its place as they were, when it cannot be mapped there.
+  bool MoveReadView(void* address, ScopedMapping* old);
   // The read view is mapped at the place it was given.
   bool read_view_placed() const {
     return read_place_ != nullptr && read_view_.get() == read_place_;

@@ -42,7 +42,6 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
 
   CZUMultiFileArrayImp() = default;
   ~CZUMultiFileArrayImp() override {
-    NoteFailedPlacements();
     segments_.clear();  // every placed view goes back to the reservation before it is released
   }
   CZUMultiFileArrayImp(const CZUMultiFileArrayImp&) = delete;
@@ -61,7 +60,6 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
       AddSegment(value);  // a dead segment ignores the value
     }
     last_->PushBack(value);
-    if (last_->dead()) RecheckDirectReads(segments_.size() - 1);
   }
   // A single append that only joins the last segment's stage; false (nothing done) otherwise.
   bool TryStage(const T& value) { return last_ != nullptr && last_->TryStage(value); }
@@ -95,15 +93,13 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   // True when a segment failed; such a storage is replaced rather than cleared.
   bool HasDeadSegment() const;
   // Reads that need no segment: the first direct_count() elements stand at direct_reads()[i],
-  // the segments' wide read views mapped one after another into one reserved range (64-bit
-  // POSIX). RefreshDirectReads() extends the count as far as the segments allow; whatever can
-  // make an element read otherwise (a sample that differs from the file, a segment dying or
-  // going, a pointer handed out for writing) shrinks it at once.
-  uint64_t direct_count() const { return direct_count_; }
-  const T* direct_reads() const { return static_cast<const T*>(reserved_.base); }
-  void RefreshDirectReads();
-  // The run around element `index` that reads in place (see ZuGetReadRun): the whole direct
-  // prefix, else the readable part of the segment's wide read view. False when there is none.
+  // the readable prefix of the read map (the segments' wide read views one after another in
+  // one reserved range, 64-bit POSIX). It is always up to date: every segment reports there.
+  uint64_t direct_count() const { return read_map_.prefix(); }
+  const T* direct_reads() const { return static_cast<const T*>(read_map_.base()); }
+  // The run around element `index` that reads in place (see ZuGetReadRun), once the staged
+  // elements are written: the whole readable prefix, else the readable part of the segment's
+  // wide read view. False when there is none.
   bool ReadRunAt(uint64_t index, ZuReadRun* run);
   // Writes what single appends staged, so that every element can be read from the files.
   void WriteStaged() {
@@ -115,33 +111,10 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   const std::vector<T>& segment_heads() const { return heads_; }
 
  private:
-  // Segments whose wide read views may stand in the reserved range: 8 GiB of addresses for
-  // the library's 128 MiB segments. Later segments are read through the segment.
-  static constexpr uint64_t kPlacedSegments = 64;
-
-  // Address space held for the placed read views. Released at the end unless a placement
-  // failed: the range may then hold another mapping, which must not be taken down.
-  struct ReservedRange {
-    ReservedRange() = default;
-    ReservedRange(const ReservedRange&) = delete;
-    ReservedRange& operator=(const ReservedRange&) = delete;
-    ~ReservedRange() {
-      if (base != nullptr && !abandoned) platform::Current().ReleaseAddresses(base, bytes);
-    }
-    void* base = nullptr;    // kPlacedSegments segments' bytes, or null
-    size_t bytes = 0;        // reserved at base
-    bool tried = false;      // reserving was tried (it is tried once)
-    bool abandoned = false;  // a placement failed: nothing more is placed, nothing released
-  };
-
   // Opens a new segment headed by `head`; false when its file could not be created.
   bool AddSegment(const T& head);
-  // Gives segment `s` its place in the reserved range (reserving it first), if it has one.
-  void PlaceReadView(Segment& segment, size_t s);
-  // A placement that failed abandons the reservation.
-  void NoteFailedPlacements();
-  // Shrinks direct_count() to what segment `s` still reads directly.
-  void RecheckDirectReads(size_t s);
+  // Hooks a new segment, the next after segments_, up to the read map (its place there).
+  void JoinReadMap(Segment& segment);
   // Runs `search` (Segment& -> segment-relative position) on the segment whose range may
   // hold value: the one before the first head not below it (not above it with `upper`). The
   // answer is turned into an array position; 0 when value is at or below the first head.
@@ -151,9 +124,9 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   // The placeholder with all its bytes set to ones, as every one is handed out.
   static T* AllOnes(T* placeholder);
 
-  ReservedRange reserved_;  // before segments_: released after the views placed in it
-  // Elements from 0 readable at direct_reads(); all in segments placed, mapped and alive.
-  uint64_t direct_count_ = 0;
+  // Where the segments' read views stand and how many elements read in place; before
+  // segments_, so that the views placed in its ranges go first.
+  ReadMap read_map_{Layout::kSegmentBytes, kSegmentCapacity, Layout::kFirstPlacedSegments};
   std::vector<std::shared_ptr<Segment>> segments_;  // index order; all but the last full
   std::vector<T> heads_;     // heads_[s] is element s * kSegmentCapacity; one per segment
   Segment* last_ = nullptr;  // segments_.back(), one load closer for single appends; or null
@@ -181,8 +154,6 @@ T* CZUMultiFileArrayImp<T, Layout>::GetWritePtr(int64_t index) {
   if (i >= Size() || i / kSegmentCapacity >= segments_.size()) {
     return AllOnes(&placeholders_.write);
   }
-  // What the caller writes through it may make the sampled elements differ from the file.
-  direct_count_ = std::min(direct_count_, i / kSegmentCapacity * kSegmentCapacity);
   return segments_[i / kSegmentCapacity]->GetWritePtr(static_cast<int64_t>(i % kSegmentCapacity));
 }
 
@@ -206,9 +177,8 @@ const T* CZUMultiFileArrayImp<T, Layout>::GetBackReadPtr() {
 
 template <typename T, typename Layout>
 void CZUMultiFileArrayImp<T, Layout>::Clear() {
-  NoteFailedPlacements();
-  direct_count_ = 0;
   segments_.clear();
+  read_map_.Forget();
   last_ = nullptr;
   heads_.clear();
   regular_ = true;
@@ -230,58 +200,28 @@ bool CZUMultiFileArrayImp<T, Layout>::AddSegment(const T& head) {
   if (last_ != nullptr && static_cast<uint64_t>(last_->GetSize()) < kSegmentCapacity) {
     regular_ = false;
   }
-  segments_.push_back(std::make_shared<Segment>());
+  auto segment = std::make_shared<Segment>();
+  JoinReadMap(*segment);
+  segments_.push_back(std::move(segment));
   last_ = segments_.back().get();
-  PlaceReadView(*last_, segments_.size() - 1);
   heads_.push_back(head);
   return !segments_.back()->dead();
 }
 
 template <typename T, typename Layout>
-void CZUMultiFileArrayImp<T, Layout>::PlaceReadView(Segment& segment, size_t s) {
-  if (s >= kPlacedSegments || reserved_.abandoned) return;
-  if (!reserved_.tried) {
-    reserved_.tried = true;
-    // Only views that span a whole segment can stand one after another.
-    if (!platform::Current().ViewsReachPastFileEnd()) return;
-    const size_t bytes = static_cast<size_t>(kPlacedSegments * Layout::kSegmentBytes);
-    reserved_.base = platform::Current().ReserveAddresses(bytes);
-    reserved_.bytes = reserved_.base != nullptr ? bytes : 0;
-  }
-  if (reserved_.base == nullptr) return;
-  segment.PlaceReadView(static_cast<unsigned char*>(reserved_.base) + s * Layout::kSegmentBytes);
-}
-
-template <typename T, typename Layout>
-void CZUMultiFileArrayImp<T, Layout>::NoteFailedPlacements() {
-  for (const auto& segment : segments_) {
-    if (segment->read_place_failed()) reserved_.abandoned = true;
-  }
-  if (reserved_.abandoned) direct_count_ = 0;
-}
-
-template <typename T, typename Layout>
-void CZUMultiFileArrayImp<T, Layout>::RefreshDirectReads() {
-  if (!regular_ || reserved_.base == nullptr || reserved_.abandoned) return;
-  for (size_t s = static_cast<size_t>(direct_count_ / kSegmentCapacity); s < segments_.size();
-       ++s) {
-    const Segment& segment = *segments_[s];
-    if (segment.read_place_failed()) {
-      reserved_.abandoned = true;
-      direct_count_ = 0;
-      return;
-    }
-    const uint64_t readable = segment.DirectlyReadable();
-    direct_count_ = s * kSegmentCapacity + readable;
-    if (readable < kSegmentCapacity) return;
-  }
+void CZUMultiFileArrayImp<T, Layout>::JoinReadMap(Segment& segment) {
+  const size_t s = segments_.size();
+  void* place = read_map_.PlaceFor(s, [this](size_t t, void* address, ScopedMapping* old) {
+    return segments_[t]->MoveReadView(address, old);
+  });
+  segment.UseReadMap(&read_map_, s, place);
 }
 
 template <typename T, typename Layout>
 bool CZUMultiFileArrayImp<T, Layout>::ReadRunAt(uint64_t index, ZuReadRun* run) {
-  RefreshDirectReads();
-  if (index < direct_count_) {
-    *run = {direct_reads(), 0, direct_count_, kZuRunKeptByAppends};
+  WriteStaged();
+  if (index < direct_count()) {
+    *run = {direct_reads(), 0, direct_count(), kZuRunKeptByAppends};
     return true;
   }
   const uint64_t s = index / kSegmentCapacity;
@@ -291,13 +231,6 @@ bool CZUMultiFileArrayImp<T, Layout>::ReadRunAt(uint64_t index, ZuReadRun* run) 
   if (index % kSegmentCapacity >= readable) return false;
   *run = {segment.wide_view(), s * kSegmentCapacity, readable, kZuRunKeptByAppends};
   return true;
-}
-
-template <typename T, typename Layout>
-void CZUMultiFileArrayImp<T, Layout>::RecheckDirectReads(size_t s) {
-  const uint64_t start = s * kSegmentCapacity;
-  if (s >= segments_.size() || direct_count_ <= start) return;
-  direct_count_ = std::min(direct_count_, start + segments_[s]->DirectlyReadable());
 }
 
 template <typename T, typename Layout>
@@ -314,13 +247,6 @@ void CZUMultiFileArrayImp<T, Layout>::Append(const ZuArrayIter<T>& first,
   ArrayIterBase* end = last.base();
   // An end before the start describes no range: refused like an impossible length.
   if (RangeCount(source, end) < 0) throw std::length_error("range ends before it starts");
-  // However it ends, the segment written last may have died on the way.
-  struct Recheck {
-    CZUMultiFileArrayImp* self;
-    ~Recheck() {
-      if (!self->segments_.empty()) self->RecheckDirectReads(self->segments_.size() - 1);
-    }
-  } recheck{this};
   while (source->GetPosition() != end->GetPosition()) {
     if (segments_.empty() ||
         static_cast<uint64_t>(segments_.back()->GetSize()) > kSegmentCapacity - 1) {
@@ -368,7 +294,6 @@ void CZUMultiFileArrayImp<T, Layout>::SetElement(uint64_t index, const T& value)
   if (index >= Size() || s >= segments_.size()) return;
   if (index % kSegmentCapacity == 0) heads_[s] = value;
   segments_[s]->SetElement(index % kSegmentCapacity, value);
-  RecheckDirectReads(static_cast<size_t>(s));  // a sample may now differ from the file
 }
 
 template <typename T, typename Layout>
@@ -389,11 +314,8 @@ bool CZUMultiFileArrayImp<T, Layout>::LoadDescription(const base::DictionaryValu
     base::DictionaryValue* entry = nullptr;
     if (!files->GetDictionary(i, &entry) || entry == nullptr) break;
     auto segment = std::make_shared<Segment>();
-    PlaceReadView(*segment, segments_.size());
-    if (!segment->Attach(*entry)) {
-      if (segment->read_place_failed()) reserved_.abandoned = true;
-      break;
-    }
+    JoinReadMap(*segment);
+    if (!segment->Attach(*entry)) break;
     if (last_ != nullptr && static_cast<uint64_t>(last_->GetSize()) < kSegmentCapacity) {
       regular_ = false;
     }
