@@ -11,7 +11,10 @@
 //     if (out.flush() != zu::Status::ok) { /* the array kept fewer than it was given */ }
 //   }
 //   int64_t first = times[0];                   // index < size(), as with std::vector
+//   auto r = times.reader();                    // r[i]: in place, no call per element
+//   times.for_each_run(0, times.size(), [&](const int64_t* data, size_t n) { /* ... */ });
 //   uint64_t i = times.lower_bound(40);
+//   std::vector<uint64_t> at = times.lower_bound(keys);   // a batch: any key order
 //   auto [at, nearest] = times.find_nearest(47, /*tolerance=*/10);
 //   std::string json = times.save_description();
 //
@@ -19,6 +22,12 @@
 // given, also where the array itself answers success (a file array whose storage died drops
 // single appends quietly): the size is the witness. A self-spilling array that fails an add
 // clears itself, so its size is then 0.
+//
+// Reads: operator[], copy_out, the input iterator, reader() and for_each_run() read the
+// elements in place where the array allows (see direct_read.h and reader.h) and through the
+// interface elsewhere. operator[] keeps the run it last read from until this Array or one of
+// its appenders changes the array (or get() or release() hands the raw array out): after a
+// change made through a raw pointer kept from get(), call get() again before reading.
 //
 // Element types are checked at compile time against what each kind supports: the four integer
 // types everywhere, SimpleBigData<16..512> records for the self-spilling kinds only.
@@ -30,6 +39,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
@@ -38,7 +48,11 @@
 #include <type_traits>
 #include <utility>
 
+#include <vector>
+
 #include "zu_data_manager/array_factory.h"
+#include "zu_data_manager/direct_read.h"
+#include "zu_data_manager/reader.h"
 #include "zu_data_manager/values.h"
 
 namespace zu {
@@ -61,14 +75,6 @@ namespace internal {
 // A range crosses the interface with 32-bit positions, and the containers take its length as
 // a signed 32-bit difference: longer appends go over in pieces of this many elements.
 constexpr uint64_t kAppendPiece = uint64_t{1} << 30;
-// CopyOut takes its start as an int that every kind reads back as an unsigned 32-bit number,
-// and its count as an unsigned int.
-constexpr uint64_t kCopyLimit = 0xFFFFFFFFu;
-
-inline int CopyStart(uint64_t start) {  // start <= kCopyLimit
-  return start <= 0x7FFFFFFFu ? static_cast<int>(start)
-                              : static_cast<int>(static_cast<int64_t>(start) - (int64_t{1} << 32));
-}
 
 // The status of an add of `given` elements from its result code and the sizes around it.
 inline Status Witness(int code, uint64_t before, uint64_t after, uint64_t given) {
@@ -116,14 +122,17 @@ class Appender {
   static constexpr size_t kBlockBytes = 64 * 1024;
   static constexpr size_t kBlockLength = sizeof(T) < kBlockBytes ? kBlockBytes / sizeof(T) : 1;
 
-  explicit Appender(IZUArray* array)
+  // `reads`, when given, forgets its run at every hand-over (an append may end it).
+  explicit Appender(IZUArray* array, Reader<T>* reads = nullptr)
       : array_(array),
+        reads_(reads),
         block_(new T[kBlockLength]),
         next_(block_.get()),
         end_(block_.get() + kBlockLength) {}
   // The moved-from appender may only be destroyed.
   Appender(Appender&& other) noexcept
       : array_(other.array_),
+        reads_(other.reads_),
         block_(std::move(other.block_)),
         next_(other.next_),
         end_(other.end_),
@@ -155,6 +164,7 @@ class Appender {
   void HandOver() {
     const auto count = static_cast<uint64_t>(next_ - block_.get());
     next_ = block_.get();
+    if (reads_ != nullptr) reads_->reset();
     status_ = Give(array_, status_, block_.get(), count);
   }
   static Status Give(IZUArray* array, Status status, const T* block, uint64_t count) noexcept {
@@ -167,6 +177,7 @@ class Appender {
   }
 
   IZUArray* array_;             // not owned
+  Reader<T>* reads_;            // not owned; forgets its run at each hand-over, or null
   std::unique_ptr<T[]> block_;  // kBlockLength elements; [block_, next_) are staged
   T* next_;                     // where the next element goes; block_ <= next_ <= end_
   T* end_;                      // block_ + kBlockLength
@@ -180,19 +191,27 @@ class Array {
 
   Array() = default;
   // Takes ownership of `raw` (which must hold elements of type T).
-  explicit Array(IZUArray* raw) : array_(raw) {}
+  explicit Array(IZUArray* raw) : array_(raw), reads_(new Reader<T>(raw)) {}
   Array(Array&&) noexcept = default;
   Array& operator=(Array&&) noexcept = default;
   Array(const Array&) = delete;
   Array& operator=(const Array&) = delete;
 
   explicit operator bool() const { return array_ != nullptr; }
-  IZUArray* get() const { return array_.get(); }
+  // The raw array; operator[] forgets its run, since the caller may change the array next.
+  IZUArray* get() const {
+    Forget();
+    return array_.get();
+  }
   // Gives up ownership: the caller deletes the array, or never does (a file-backed array that
   // is never destroyed leaves its files behind for a description to name).
-  IZUArray* release() { return array_.release(); }
+  IZUArray* release() {
+    reads_.reset();
+    return array_.release();
+  }
 
   Status append(const T& value) {
+    Forget();
     const uint64_t before = array_->GetSize();
     const int code = array_->Append(&value);
     return internal::Witness(code, before, array_->GetSize(), 1);
@@ -201,6 +220,7 @@ class Array {
   // On a failure the elements of the failing piece and after it are not appended (and a
   // self-spilling array has cleared itself).
   Status append(const T* data, uint64_t count) {
+    Forget();
     for (uint64_t done = 0; done < count;) {
       const uint64_t piece = std::min(count - done, internal::kAppendPiece);
       const Status status = internal::AppendPiece(array_.get(), data + done, piece);
@@ -219,15 +239,20 @@ class Array {
     return append(values.begin(), static_cast<uint64_t>(values.size()));
   }
   // One element at a time without a call through the interface for each; see Appender.
-  Appender<T> appender() { return Appender<T>(array_.get()); }
+  Appender<T> appender() { return Appender<T>(array_.get(), reads_.get()); }
 
   uint64_t size() const { return array_->GetSize(); }
   bool empty() const { return size() == 0; }
-  // The element at index; index < size() is the caller's to keep, as with std::vector.
-  T operator[](uint64_t index) const {
-    T out{};
-    array_->GetAt(index, &out);
-    return out;
+  // The element at index; index < size() is the caller's to keep, as with std::vector. Read in
+  // place where the array allows (see Reader).
+  T operator[](uint64_t index) const { return (*reads_)[index]; }
+  // A reader of its own (see reader.h): valid until the array changes in a way that ends runs.
+  Reader<T> reader() const { return Reader<T>(array_.get()); }
+  // f(const T* data, size_t n) over consecutive runs covering [start, start + count) clipped to
+  // the size, in place where the storage allows (see ForEachRun). Returns the elements covered.
+  template <typename F>
+  uint64_t for_each_run(uint64_t start, uint64_t count, F&& f) const {
+    return ForEachRun<T>(array_.get(), start, count, std::forward<F>(f));
   }
   std::optional<T> at(uint64_t index) const {
     T out;
@@ -238,8 +263,14 @@ class Array {
     uint64_t n = size();
     return n == 0 ? std::nullopt : at(n - 1);
   }
-  void set(uint64_t index, const T& value) { array_->SetAt(index, &value); }
-  void clear() { array_->Clear(); }
+  void set(uint64_t index, const T& value) {
+    Forget();
+    array_->SetAt(index, &value);
+  }
+  void clear() {
+    Forget();
+    array_->Clear();
+  }
 
   // Searches over ascending data.
   uint64_t lower_bound(const T& value) const { return array_->LowerBound(&value); }
@@ -266,21 +297,48 @@ class Array {
     return array_->FindNearest(&value, tolerance);
   }
 
+  // Batches: out[k] is what lower_bound (upper_bound, find) answers for keys[k], k < n, keys
+  // in any order; one call to the library sorts them and searches the data in place where it
+  // can (see ZuSearchBatch).
+  void lower_bound(const T* keys, size_t n, uint64_t* out) const {
+    Batch(kZuSearchLowerBound, keys, n, out);
+  }
+  void upper_bound(const T* keys, size_t n, uint64_t* out) const {
+    Batch(kZuSearchUpperBound, keys, n, out);
+  }
+  void find(const T* keys, size_t n, uint64_t* out) const { Batch(kZuSearchFind, keys, n, out); }
+  // The same over any contiguous range of keys (std::vector, std::array, std::span, ...).
+  template <typename Range,
+            typename = std::enable_if_t<internal::is_contiguous_range_of<T, Range>::value>>
+  std::vector<uint64_t> lower_bound(const Range& keys) const {
+    return Batch(kZuSearchLowerBound, keys);
+  }
+  template <typename Range,
+            typename = std::enable_if_t<internal::is_contiguous_range_of<T, Range>::value>>
+  std::vector<uint64_t> upper_bound(const Range& keys) const {
+    return Batch(kZuSearchUpperBound, keys);
+  }
+  template <typename Range,
+            typename = std::enable_if_t<internal::is_contiguous_range_of<T, Range>::value>>
+  std::vector<uint64_t> find(const Range& keys) const {
+    return Batch(kZuSearchFind, keys);
+  }
+
   // Copies up to count elements starting at `start` into dest; returns how many it copied.
-  // One CopyOut while start and count fit its 32-bit arguments; beyond 2^32 elements of a file
-  // array, only element reads reach the data.
+  // Runs that read in place are copied from where they lie; the rest goes through CopyOut while
+  // the start fits its 32-bit argument, element by element beyond.
   uint64_t copy_out(uint64_t start, T* dest, uint64_t count) const {
     const uint64_t n = size();
     if (start >= n) return 0;
     const uint64_t total = std::min(count, n - start);
-    uint64_t done = 0;
-    while (done < total && start + done <= internal::kCopyLimit) {
-      const uint64_t piece = std::min(total - done, internal::kCopyLimit);
-      array_->CopyOut(dest + done, internal::CopyStart(start + done),
-                      static_cast<unsigned int>(piece));
-      done += piece;
-    }
-    for (; done < total; ++done) array_->GetAt(start + done, dest + done);
+    internal::WalkRuns<T>(
+        array_.get(), start, start + total, total,
+        [&](const T* data, uint64_t first, uint64_t k) {
+          std::memcpy(static_cast<void*>(dest + (first - start)), data, k * sizeof(T));
+        },
+        [&](uint64_t first, uint64_t k) {
+          internal::CopyThrough(array_.get(), first, dest + (first - start), k);
+        });
     return total;
   }
 
@@ -294,11 +352,13 @@ class Array {
   // Re-attaches the files of a description made by save_description(). False on malformed
   // text or when the array refuses it.
   bool load_description(const std::string& json) {
+    Forget();
     std::unique_ptr<base::DictionaryValue> desc = base::ReadJsonDictionary(json);
     return desc != nullptr && array_->LoadDescription(desc.get());
   }
 
-  // Input iteration over the elements, reading each through the array.
+  // Input iteration over the elements, read in place where the array allows (a reader of its
+  // own); valid until the array changes, as any iterator.
   class const_iterator {
    public:
     using iterator_category = std::input_iterator_tag;
@@ -307,7 +367,10 @@ class Array {
     using pointer = const T*;
     using reference = const T&;
 
-    const_iterator(const Array* array, uint64_t index) : array_(array), index_(index) { Load(); }
+    const_iterator(const Array* array, uint64_t index)
+        : reads_(array->array_.get()), end_(array->size()), index_(index) {
+      Load();
+    }
     const T& operator*() const { return current_; }
     const T* operator->() const { return &current_; }
     const_iterator& operator++() {
@@ -320,18 +383,41 @@ class Array {
 
    private:
     void Load() {
-      if (auto value = array_->at(index_)) current_ = *value;
+      if (index_ < end_) current_ = reads_[index_];
     }
-    const Array* array_;  // not owned
-    uint64_t index_;      // position of current_
-    T current_{};         // the element at index_ (unchanged past the end)
+    Reader<T> reads_;  // over the array, not owned
+    uint64_t end_;     // the size when iteration began
+    uint64_t index_;   // position of current_
+    T current_{};      // the element at index_ (unchanged past the end)
   };
 
   const_iterator begin() const { return const_iterator(this, 0); }
   const_iterator end() const { return const_iterator(this, size()); }
 
  private:
+  void Forget() const {
+    if (reads_ != nullptr) reads_->reset();
+  }
+  void Batch(ZuSearch search, const T* keys, size_t n, uint64_t* out) const {
+    if (n == 0 || ZuSearchBatch(array_.get(), search, keys, n, out)) return;
+    // An array the library did not make: one search per key.
+    for (size_t k = 0; k < n; ++k) {
+      out[k] = search == kZuSearchLowerBound   ? array_->LowerBound(keys + k)
+               : search == kZuSearchUpperBound ? array_->UpperBound(keys + k)
+                                               : array_->Find(keys + k);
+    }
+  }
+  template <typename Range>
+  std::vector<uint64_t> Batch(ZuSearch search, const Range& keys) const {
+    std::vector<uint64_t> out(static_cast<size_t>(std::size(keys)));
+    Batch(search, std::data(keys), out.size(), out.data());
+    return out;
+  }
+
   std::unique_ptr<IZUArray> array_;  // null only for a default-made or moved-from Array
+  // operator[]'s reader, on the heap so that an appender's pointer to it survives a move of
+  // the Array; forgets its run at each change made through this Array or its appenders.
+  std::unique_ptr<Reader<T>> reads_;
 };
 
 namespace internal {

@@ -19,6 +19,13 @@
 //   to a self-spilling array.
 // The views over a caller's buffer (plain and interleaved) are checked against the documented
 // rules: an exact-match search on the plain view, a backward search on the interleaved one.
+//
+// Direct reads are held to the same answers: after every step a run around a chosen index
+// (ZuGetReadRun) must hold the model's elements, for_each_run must cover a range in order, and
+// a batch of searches (ZuSearchBatch) must answer what the single searches answer. A reader
+// kept across steps is reset only where direct_read.h says a change ends runs (an append ends
+// them only when the run's flags do not say otherwise), so a run that the library lets go
+// earlier than it says is read after it went: a crash, or a report of ASan.
 #ifndef ZU_TESTS_SUPPORT_ARRAY_MODEL_H_
 #define ZU_TESTS_SUPPORT_ARRAY_MODEL_H_
 
@@ -34,6 +41,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "zu_data_manager/reader.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 #ifndef _WIN32
@@ -105,17 +113,23 @@ class ArrayModel {
  public:
   // `make` creates an empty array of the kind (also for the description round trip).
   ArrayModel(Input& in, std::function<IZUArray*()> make, Storage storage)
-      : in_(in), make_(std::move(make)), storage_(storage), array_(make_()) {}
+      : in_(in),
+        make_(std::move(make)),
+        storage_(storage),
+        array_(make_()),
+        reader_(array_.get()) {}
 
   // Runs up to `steps` operations; the first mismatch's message, or empty.
   std::string Run(int steps = 400) {
     try {
       Expect(array_ != nullptr, "no array");
       for (int step = 0; in_.remaining_bytes() > 0 && step < steps; ++step) {
-        const int op = in_.template ConsumeIntegralInRange<int>(0, 12);
+        const int op = in_.template ConsumeIntegralInRange<int>(0, 13);
         Step(op);
         last_op_ = op;
+        EndRuns(op);
         Check();
+        CheckDirectReads();
       }
       std::vector<T> back(model_.size());
       if (!back.empty()) array_->CopyOut(back.data(), 0, static_cast<unsigned int>(back.size()));
@@ -279,6 +293,83 @@ class ArrayModel {
       case 12:
         if constexpr (std::is_integral<T>::value) Views();
         return;
+      case 13:
+        return Batch();
+    }
+  }
+
+  // The reader forgets its run where a change ends runs: Clear, Assign, SetAt on file storage
+  // (a self-spilling array may be in files), any failed add, and appends unless the run at hand
+  // is kept by appends.
+  void EndRuns(int op) {
+    const bool append = op <= 3;
+    const bool set_in_files = op == 5 && storage_ != Storage::kMemory;
+    if (op == 4 || op == 9 || op == 11 || set_in_files || (append && !kept_by_appends_)) {
+      reader_.reset();
+    }
+  }
+
+  // The runs, the reader and a range walked run by run hold the model's elements.
+  void CheckDirectReads() {
+    const uint64_t n = model_.size();
+    const uint64_t i = n == 0 ? 0 : Pick<uint64_t>(0, n - 1);
+    ZuReadRun run;
+    if (ZuGetReadRun(array_.get(), Pick<uint64_t>(n, n + 2), &run))
+      Expect(false, "a run beyond the end");
+    if (n == 0) return;
+    if (ZuGetReadRun(array_.get(), i, &run)) {
+      Expect(run.first <= i && i - run.first < run.count && run.first + run.count <= n,
+             "the run does not hold its index");
+      Expect(std::memcmp(run.data, model_.data() + run.first, run.count * sizeof(T)) == 0,
+             "a run shows other elements");
+      kept_by_appends_ = (run.flags & kZuRunKeptByAppends) != 0;
+    }
+    for (int k = 0; k < 8; ++k) {
+      const uint64_t at = k == 0 ? i : Pick<uint64_t>(0, n - 1);
+      Expect(reader_[at] == model_[at], "reader at " + std::to_string(at));
+    }
+    const uint64_t start = Pick<uint64_t>(0, n);
+    const uint64_t count = in_.ConsumeBool() ? Pick<uint64_t>(0, n - start) : UINT64_MAX;
+    uint64_t next = start;
+    const uint64_t covered =
+        zu::ForEachRun<T>(array_.get(), start, count, [&](const T* data, size_t k) {
+          Expect(std::equal(data, data + k, model_.begin() + static_cast<int64_t>(next)),
+                 "for_each_run");
+          next += k;
+        });
+    Expect(covered == std::min(count, n - start) && next == start + covered,
+           "for_each_run's cover");
+  }
+
+  // Keys around chosen elements and beyond both ends, in any order and with repeats.
+  std::vector<T> BatchKeys() {
+    std::vector<T> keys(Pick<size_t>(0, 300));
+    for (T& key : keys) {
+      const uint64_t base = keys_.empty() || in_.ConsumeBool()
+                                ? Pick<uint64_t>(0, Keys<T>::Max())
+                                : keys_[Pick<size_t>(0, keys_.size() - 1)];
+      const uint64_t shift = Pick<uint64_t>(0, 2);
+      key = Keys<T>::Make(in_.ConsumeBool() ? std::min(Keys<T>::Max(), base + shift)
+                                            : base - std::min(base, shift));
+    }
+    return keys;
+  }
+
+  // A batch of each search answers what one single search per key answers.
+  void Batch() {
+    const std::vector<T> keys = BatchKeys();
+    for (ZuSearch search : {kZuSearchLowerBound, kZuSearchUpperBound, kZuSearchFind}) {
+      std::vector<uint64_t> out(keys.size() + 1, 77);
+      Expect(ZuSearchBatch(array_.get(), search, keys.data(), keys.size(), out.data()),
+             "ZuSearchBatch");
+      for (size_t k = 0; k < keys.size(); ++k) {
+        const uint64_t single = search == kZuSearchLowerBound   ? array_->LowerBound(&keys[k])
+                                : search == kZuSearchUpperBound ? array_->UpperBound(&keys[k])
+                                                                : array_->Find(&keys[k]);
+        Expect(out[k] == single,
+               "batch " + std::to_string(search) + " of key " + std::to_string(k));
+      }
+      Expect(out[keys.size()] == 77, "a batch wrote past its keys");
     }
   }
 
@@ -439,6 +530,31 @@ class ArrayModel {
     Expect(n == 0 || (cross->GetLast(&out) == &out && out == model_.back()), "interleaved GetLast");
     Expect(plain->UpperBound(&probe) == (present ? lower : n), "plain view search");
     Expect(cross->UpperBound(&probe) == BackwardSearch(probe), "interleaved view search");
+    // The plain view reads in place as the caller's buffer, the interleaved one only without
+    // a gap; their batches answer their own searches, or refuse as the single search does.
+    ZuReadRun run;
+    const bool plain_run = ZuGetReadRun(plain.get(), at, &run);
+    Expect(plain_run == (at < n) &&
+               (!plain_run || (run.data == plain_buffer.data() && run.count == n)),
+           "plain view run");
+    const bool cross_run = ZuGetReadRun(cross.get(), at, &run);
+    Expect(cross_run == (at < n && gap == 0), "interleaved view run");
+    const std::vector<T> keys = BatchKeys();
+    std::vector<uint64_t> answers(keys.size());
+    for (IZUArray* view : {plain.get(), cross.get()}) {
+      Expect(ZuSearchBatch(view, kZuSearchUpperBound, keys.data(), keys.size(), answers.data()),
+             "view batch");
+      for (size_t k = 0; k < keys.size(); ++k) {
+        Expect(answers[k] == view->UpperBound(&keys[k]), "view batch of key " + std::to_string(k));
+      }
+      bool refused = keys.empty();
+      try {
+        ZuSearchBatch(view, kZuSearchLowerBound, keys.data(), keys.size(), answers.data());
+      } catch (const std::logic_error&) {
+        refused = true;
+      }
+      Expect(refused, "a view's LowerBound batch did not refuse");
+    }
   }
 
   // A description round trip through JSON text into a second array of the same kind (file
@@ -479,6 +595,8 @@ class ArrayModel {
   std::function<IZUArray*()> make_;
   Storage storage_;
   std::unique_ptr<IZUArray> array_;
+  zu::Reader<T> reader_;          // kept across steps; see EndRuns
+  bool kept_by_appends_ = false;  // the last run seen said appends leave it in place
   std::vector<std::unique_ptr<IZUArray>> copies_;  // loaded from descriptions; see RoundTrip
   std::vector<uint64_t> keys_;                     // ascending; model_[i] is made from keys_[i]
   std::vector<T> model_;
