@@ -13,7 +13,7 @@
 //   --rss-gib N   GiB appended for the resident-memory scenario (default 8)
 //   --quick       smaller sizes, for a smoke run
 //   --sizes N,... element counts of the sized scenarios (default 65536,4194304,134217728)
-//   --only NAME,... run only these scenarios: append, bulk, read, getat, lbwarm, first,
+//   --only NAME,... run only these scenarios: append, bulk, read, getat, direct, lbwarm, first,
 //                 autowarm, lbcold, spill, rss (the read scenarios fill their containers with
 //                 bulk, which then runs too; first needs the warm LowerBound, which then runs)
 //   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
@@ -49,6 +49,7 @@
 
 #include "bench/floor_reader.h"
 #include "src/auto/auto_array.h"
+#include "zu_data_manager/reader.h"
 #include "zu_data_manager/zu_data_manager.h"
 
 #ifdef ZU_BENCH_HAVE_STXXL
@@ -932,6 +933,85 @@ void RandomGetAt(Filled& f) {
   Add(r);
 }
 
+// Independent random reads in place: zu::Reader over the file array and over a vector array
+// (a bound check and a load while the index lies in the run at hand: the whole array here),
+// next to std::vector's inline operator[] and Boost's vector over its mapped file.
+void RandomReader(Filled& f, IZUArray* vector_array) {
+  const uint64_t n = f.vector.size();
+  constexpr size_t kReads = size_t{1} << 20;
+  for (IZUArray* array : {f.file.get(), vector_array}) {
+    const bool file = array == f.file.get();
+    Row r = MakeRow("random reader", file ? "file" : "vector", n, "M ops/s");
+    std::vector<Contender> contenders;
+    contenders.emplace_back("zu", &r.zu, [array](const std::vector<int64_t>& idx, size_t count) {
+      const zu::Reader<int64_t> reader(array);
+      int64_t sum = 0;
+      for (size_t i = 0; i < count; ++i) sum += reader[static_cast<uint64_t>(idx[i])];
+      return static_cast<uint64_t>(sum);
+    });
+    contenders.emplace_back("std::vector", &r.std_vector,
+                            [&](const std::vector<int64_t>& idx, size_t count) {
+                              int64_t sum = 0;
+                              for (size_t i = 0; i < count; ++i) sum += f.vector[idx[i]];
+                              return static_cast<uint64_t>(sum);
+                            });
+#ifdef ZU_BENCH_HAVE_BOOST
+    contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& idx, size_t count) {
+      const BoostVector& v = f.boost->v();
+      int64_t sum = 0;
+      for (size_t i = 0; i < count; ++i) sum += v[idx[i]];
+      return static_cast<uint64_t>(sum);
+    });
+#endif
+    RunRounds(contenders, WarmRounds(n), kReads, n, false, 11, {});
+    FillRow(r, contenders);
+    AddNote(r,
+            "1 Mi uniformly random indexes per round, fresh every round; a new reader each "
+            "round (its first read fetches the run)");
+    Add(r);
+  }
+}
+
+// A scan: the sum of every element, run by run in place (for_each_run), next to
+// std::accumulate over the vector.
+void ScanRuns(Filled& f, IZUArray* vector_array, int reps) {
+  const uint64_t n = f.vector.size();
+  for (IZUArray* array : {f.file.get(), vector_array}) {
+    const bool file = array == f.file.get();
+    Row r = MakeRow("scan for_each_run", file ? "file" : "vector", n, "M elem/s");
+    std::vector<double> zu, vec;
+    for (int rep = 0; rep < reps; ++rep) {
+      std::vector<std::function<void()>> runs;
+      runs.emplace_back([&] {
+        auto t0 = Clock::now();
+        int64_t sum = 0;
+        zu::ForEachRun<int64_t>(array, 0, n, [&sum](const int64_t* data, size_t k) {
+          sum = std::accumulate(data, data + k, sum);
+        });
+        zu.push_back(Seconds(t0, Clock::now()));
+        g_sink = g_sink + sum;
+      });
+      runs.emplace_back([&] {
+        auto t0 = Clock::now();
+        const int64_t sum = std::accumulate(f.vector.begin(), f.vector.end(), int64_t{0});
+        vec.push_back(Seconds(t0, Clock::now()));
+        g_sink = g_sink + sum;
+      });
+      RunRound(runs, rep);
+    }
+    r.zu = Rate(n, zu);
+    r.std_vector = Rate(n, vec);
+    AddRatio(r, "std::vector", r.std_vector);
+    std::vector<double> ratio;
+    for (size_t i = 0; i < zu.size(); ++i) ratio.push_back(vec[i] / zu[i]);
+    const auto [low, high] = std::minmax_element(ratio.begin(), ratio.end());
+    AddNote(r, "speed zu / std::accumulate, median of the runs " + Format(Median(ratio)) + " (" +
+                   Format(*low) + "-" + Format(*high) + "); runs " + Spread(n, zu) +
+                   ", std::accumulate " + Spread(n, vec));
+    Add(r);
+  }
+}
+
 // The next index of a chain of dependent reads: it needs the element just read, so every read
 // waits for the one before and pays its whole memory latency (as code that follows links
 // does), where independent reads overlap.
@@ -1512,17 +1592,25 @@ int main(int argc, char** argv) {
     if (wanted("append")) {
       for (const std::string& kind : kinds) AppendOne(kind, src, reps);
     }
-    if (!(wanted("bulk") || wanted("read") || wanted("getat") || wanted("lbwarm") ||
-          wanted("first") || wanted("autowarm") || wanted("lbcold"))) {
+    if (!(wanted("bulk") || wanted("read") || wanted("getat") || wanted("direct") ||
+          wanted("lbwarm") || wanted("first") || wanted("autowarm") || wanted("lbcold"))) {
       continue;
     }
     Filled filled;
     AppendBulk(src, reps, memcpy_rate, &filled);
     if (wanted("read")) ReadSequential(filled, std::max(reps, 2), memcpy_rate);
-    if (wanted("getat") || wanted("lbwarm") || wanted("first")) MapForReading(filled.file.get(), n);
+    if (wanted("getat") || wanted("direct") || wanted("lbwarm") || wanted("first")) {
+      MapForReading(filled.file.get(), n);
+    }
     if (wanted("getat")) {
       RandomGetAt(filled);
       DependentGetAt(filled);
+    }
+    if (wanted("direct")) {
+      std::unique_ptr<IZUArray> vector_array(NewArray("vector"));
+      vector_array->AppendBuffer(src.data(), n);
+      RandomReader(filled, vector_array.get());
+      ScanRuns(filled, vector_array.get(), reps);
     }
     double steady = NAN;
     if (wanted("lbwarm")) steady = SearchWarm(filled);
