@@ -47,7 +47,6 @@
 #include <string>
 #include <type_traits>
 #include <utility>
-
 #include <vector>
 
 #include "zu_data_manager/array_factory.h"

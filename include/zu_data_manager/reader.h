@@ -114,7 +114,7 @@ class Reader {
     return out;
   }
 
-  IZUArray* array_;                // not owned
+  IZUArray* array_;                  // not owned
   mutable const T* data_ = nullptr;  // element first_ of the run at hand
   mutable uint64_t first_ = 0;       // the run covers [first_, first_ + count_)
   mutable uint64_t count_ = 0;       // 0: no run at hand

@@ -91,9 +91,7 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // Leading elements that read straight from the file through a read view at the place its
   // read map gave (see UseReadMap): none unless that view is mapped there and no sample
   // differs from the file; staged elements are not in the file yet.
-  uint64_t DirectlyReadable() const {
-    return file_.read_view_placed() ? ReadableInPlace() : 0;
-  }
+  uint64_t DirectlyReadable() const { return file_.read_view_placed() ? ReadableInPlace() : 0; }
   // Leading elements that read straight from the file through the wide read view, wherever
   // it is mapped (see wide_view()).
   uint64_t ReadableInPlace() const {

@@ -114,8 +114,8 @@ bool ContainerRunAt(const Container& c, uint64_t index, uint32_t flags, ZuReadRu
 // The batch over the runs that run_at(index, ZuReadRun*) answers for [0, size); false, with
 // nothing written, when some index has none.
 template <typename T, typename RunAt>
-bool SearchInRuns(uint64_t size, RunAt&& run_at, ZuSearch search, const void* keys,
-                  uint64_t count, uint64_t* out) {
+bool SearchInRuns(uint64_t size, RunAt&& run_at, ZuSearch search, const void* keys, uint64_t count,
+                  uint64_t* out) {
   std::vector<SortedRun<T>> runs;
   if (!CollectRuns<T>(size, run_at, &runs)) return false;
   SearchRuns(runs, search, static_cast<const T*>(keys), count, out);
