@@ -876,6 +876,16 @@ Contender::Pass FloorReads(zu_bench::FloorReader* reader) {
   };
 }
 
+// A pass of inline reads through operator[] of any random-access container.
+template <typename Container>
+Contender::Pass InlineReads(const Container& c) {
+  return [&c](const std::vector<int64_t>& idx, size_t count) {
+    int64_t sum = 0;
+    for (size_t i = 0; i < count; ++i) sum += c[idx[i]];
+    return static_cast<uint64_t>(sum);
+  };
+}
+
 void RandomGetAt(Filled& f) {
   const uint64_t n = f.vector.size();
   Row r = MakeRow("random GetAt", "file", n, "M ops/s");
@@ -890,33 +900,17 @@ void RandomGetAt(Filled& f) {
     }
     return static_cast<uint64_t>(sum);
   });
-  contenders.emplace_back("std::vector", &r.std_vector,
-                          [&](const std::vector<int64_t>& idx, size_t count) {
-                            int64_t sum = 0;
-                            for (size_t i = 0; i < count; ++i) sum += f.vector[idx[i]];
-                            return static_cast<uint64_t>(sum);
-                          });
+  contenders.emplace_back("std::vector", &r.std_vector, InlineReads(f.vector));
   auto floor_reader = zu_bench::MakeFloorReader(f.vector.data(), f.vector.size());
   double floor_rate = 0;
   contenders.emplace_back("virtual-call floor", &floor_rate, FloorReads(floor_reader.get()));
 #ifdef ZU_BENCH_HAVE_STXXL
-  contenders.emplace_back(
-      "stxxl", &r.stxxl,
-      [&](const std::vector<int64_t>& idx, size_t count) {
-        const StxxlVector& cv = *f.stxxl;
-        int64_t sum = 0;
-        for (size_t i = 0; i < count; ++i) sum += cv[idx[i]];
-        return static_cast<uint64_t>(sum);
-      },
-      64);  // a miss reads a whole 1 MiB block
+  const StxxlVector& stxxl = *f.stxxl;
+  contenders.emplace_back("stxxl", &r.stxxl, InlineReads(stxxl),
+                          64);  // a miss reads a whole 1 MiB block
 #endif
 #ifdef ZU_BENCH_HAVE_BOOST
-  contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& idx, size_t count) {
-    const BoostVector& v = f.boost->v();
-    int64_t sum = 0;
-    for (size_t i = 0; i < count; ++i) sum += v[idx[i]];
-    return static_cast<uint64_t>(sum);
-  });
+  contenders.emplace_back("boost", &r.boost, InlineReads(f.boost->v()));
   // The same floor over a mapped file's memory: what a read through the interface could cost
   // on memory mapped the way the file array's is.
   auto mapped_floor_reader = zu_bench::MakeFloorReader(f.boost->v().data(), f.boost->v().size());
@@ -949,19 +943,9 @@ void RandomReader(Filled& f, IZUArray* vector_array) {
       for (size_t i = 0; i < count; ++i) sum += reader[static_cast<uint64_t>(idx[i])];
       return static_cast<uint64_t>(sum);
     });
-    contenders.emplace_back("std::vector", &r.std_vector,
-                            [&](const std::vector<int64_t>& idx, size_t count) {
-                              int64_t sum = 0;
-                              for (size_t i = 0; i < count; ++i) sum += f.vector[idx[i]];
-                              return static_cast<uint64_t>(sum);
-                            });
+    contenders.emplace_back("std::vector", &r.std_vector, InlineReads(f.vector));
 #ifdef ZU_BENCH_HAVE_BOOST
-    contenders.emplace_back("boost", &r.boost, [&](const std::vector<int64_t>& idx, size_t count) {
-      const BoostVector& v = f.boost->v();
-      int64_t sum = 0;
-      for (size_t i = 0; i < count; ++i) sum += v[idx[i]];
-      return static_cast<uint64_t>(sum);
-    });
+    contenders.emplace_back("boost", &r.boost, InlineReads(f.boost->v()));
 #endif
     RunRounds(contenders, WarmRounds(n), kReads, n, false, 11, {});
     FillRow(r, contenders);
