@@ -89,6 +89,9 @@ class MappedFile {
   void Close();
   // Unmaps both views; the file and its mapping object stay.
   void UnmapViews();
+  // Unmaps the write view and a read view of one chunk; a wide read view stays mapped until
+  // Close, so that runs read through it (ZuGetReadRun) stay readable while the file lives.
+  void UnmapChunkViews();
 
   bool is_open() const { return file_ != platform::kInvalidFile; }
   // The file's path; empty when no file is held.
