@@ -9,7 +9,6 @@
 // place, so a growing file array can be viewed while it grows.
 #include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "python/src/convert.h"
@@ -24,15 +23,17 @@ namespace {
 // The base object of an ndarray view: one loan of the array, returned when numpy drops it.
 class Lease {
  public:
-  Lease(py::object owner, int holds) : owner_(std::move(owner)), holds_(holds) {
-    owner_.cast<PyArray&>().Lend(holds_);
+  Lease(PyArray* array, int holds)
+      : owner_(py::cast(array, py::return_value_policy::reference)), array_(array), holds_(holds) {
+    array_->Lend(holds_);
   }
-  ~Lease() { owner_.cast<PyArray&>().Return(holds_); }
+  ~Lease() { array_->Return(holds_); }
   Lease(const Lease&) = delete;
   Lease& operator=(const Lease&) = delete;
 
  private:
-  py::object owner_;  // the Array, alive while the view is
+  py::object owner_;  // the Python Array, alive while the view is
+  PyArray* array_;    // its C++ object (no cast needed as the interpreter shuts down)
   int holds_;         // Hold bits of the loan
 };
 
@@ -40,6 +41,7 @@ class Lease {
 struct BufferLayout {
   Py_ssize_t shape;
   Py_ssize_t stride;
+  PyArray* array;  // the exporter, kept alive by the buffer's reference to it
   int holds;
 };
 
@@ -96,8 +98,7 @@ std::string PyArray::FindRun(IZUArray& array, uint64_t start, uint64_t count, Le
 }
 
 py::array PyArray::LendView(const Lent& lent) {
-  py::object lease =
-      py::cast(new Lease(py::cast(this), lent.holds), py::return_value_policy::take_ownership);
+  py::object lease = py::cast(new Lease(this, lent.holds), py::return_value_policy::take_ownership);
   py::array view(dtype_, std::vector<py::ssize_t>{static_cast<py::ssize_t>(lent.count)},
                  std::vector<py::ssize_t>{code_}, lent.data, lease);
   if (!lent.writable) view.attr("setflags")(py::arg("write") = false);
@@ -183,7 +184,8 @@ int PyArray::GetBuffer(PyObject* self, Py_buffer* view, int flags) {
       Raise(PyExc_BufferError, array->KindPhrase() + " lends its elements read-only");
     }
     static const char* const kFormats[] = {"", "B", "H", "", "I", "", "", "", "q"};
-    auto* layout = new BufferLayout{static_cast<Py_ssize_t>(lent.count), array->code_, lent.holds};
+    auto* layout =
+        new BufferLayout{static_cast<Py_ssize_t>(lent.count), array->code_, array, lent.holds};
     view->buf = const_cast<unsigned char*>(lent.data);
     view->obj = py::handle(self).inc_ref().ptr();
     view->len = layout->shape * array->code_;
@@ -205,9 +207,9 @@ int PyArray::GetBuffer(PyObject* self, Py_buffer* view, int flags) {
   return -1;
 }
 
-void PyArray::ReleaseBuffer(PyObject* self, Py_buffer* view) {
+void PyArray::ReleaseBuffer(PyObject* /*self*/, Py_buffer* view) {
   auto* layout = static_cast<BufferLayout*>(view->internal);
-  py::handle(self).cast<PyArray*>()->Return(layout->holds);
+  layout->array->Return(layout->holds);
   delete layout;
 }
 
