@@ -114,12 +114,12 @@ py::array PyArray::ToNumpy(const py::handle& start, const py::handle& count,
   uint64_t available = first < n ? n - first : 0;
   uint64_t wanted = count.is_none() ? available : std::min(ToCount(count, "count"), available);
   first = std::min(first, n);
-  const bool always = copy.is_none() ? false : py::cast<bool>(copy);
+  const bool always = !copy.is_none() && py::cast<bool>(copy);
   if (!always && wanted > 0) {
     Lent lent;
     std::string why = FindRun(array, first, wanted, &lent);
     if (why.empty()) return LendView(lent);
-    if (copy.ptr() == Py_False) Raise(PyExc_ValueError, "copy=False: no view, since " + why);
+    if (!copy.is_none()) Raise(PyExc_ValueError, "copy=False: no view, since " + why);
   }
   return ReadRange(array, first, wanted);
 }
@@ -142,12 +142,12 @@ py::object PyArray::AsArray(const py::handle& dtype, const py::handle& copy) {
   IZUArray& array = Live();
   Busy busy(this);
   py::object out;
-  const bool always = copy.is_none() ? false : py::cast<bool>(copy);
+  const bool always = !copy.is_none() && py::cast<bool>(copy);
   Lent lent;
   std::string why = always ? "" : FindWholeRun(array, &lent);
   if (!always && why.empty()) {
     out = lent.count == 0 ? py::array(dtype_, std::vector<py::ssize_t>{0}) : LendView(lent);
-  } else if (copy.ptr() == Py_False) {
+  } else if (!always && !copy.is_none()) {
     Raise(PyExc_ValueError, "copy=False: the elements must be copied, since " + why);
   } else {
     out = ReadRange(array, 0, array.GetSize());
