@@ -1,16 +1,20 @@
 #!/usr/bin/env python3
-"""The Python package next to numpy.memmap on the same fresh data, in one process.
+"""The Python package next to numpy (numpy.memmap and an in-RAM ndarray) on the same fresh data.
 
-Rows (int64, ascending, fresh random data each run of the script):
-  write      file_array.append(v)          | v.tofile(path) (then numpy.memmap over it)
-  read all   np.asarray(file_array)        | np.array(memmap) (a copy) | v.copy() (memcpy)
-  search     file_array.lower_bound(keys)  | np.searchsorted(memmap, keys) | np.searchsorted(v, keys)
-             file_array.searchsorted(keys)  | the same on memmap with the keys sorted first
-Every contender of a row runs in turn, round after round, so that drift of the machine hits
-all alike; the table gives the median and the range of the runs and the ratio of the
-package's median time over each peer's (below 1: the package is faster). Both files are in
-the page cache while measured (each was just written): this compares the code paths, not the
-disk.
+Rows (int64, ascending, fresh random data each run of the script; the peer of each row in
+brackets, against which every contender's median time is given as a ratio):
+  write     file_array.append(v)         | [ndarray.tofile(path)]
+  view all  np.asarray(file_array)       | [numpy.memmap(path)]   (and the growth of anonymous
+            memory while the result is held: RssAnon of /proc/self/status)
+  copy all  np.array(file_array)         | [np.array(memmap)] | ndarray.copy
+  search    a.searchsorted / lower_bound / upper_bound / find (keys unsorted, one call each)
+            | np.searchsorted(memmap, keys) | np.searchsorted(ndarray, keys)
+            | [numpy at its best]: argsort the keys, np.searchsorted of the sorted keys in the
+              in-RAM ndarray, answers put back in the keys' order (the sort counted)
+Every search round draws fresh random keys, the same for all contenders of that round. Every
+contender of a row runs in turn, round after round, so that drift of the machine hits all
+alike; the table gives the median and the range (min-max) of the rounds. The files are in the
+page cache while measured (each was just written): this compares the code paths, not the disk.
 
 Run from the repository root after building the default preset (or with the package installed):
   PYTHONPATH=build/default/python python3 bench/python_bench.py [--count N] [--keys K]
@@ -28,47 +32,56 @@ import numpy as np
 import zu_data_manager as zu
 
 
-def timed(fn):
-    start = time.perf_counter()
-    result = fn()
-    return time.perf_counter() - start, result
+def anon_bytes():
+    """Anonymous memory of this process (RssAnon), in bytes."""
+    with open("/proc/self/status") as status:
+        for line in status:
+            if line.startswith("RssAnon:"):
+                return int(line.split()[1]) * 1024
+    return 0
 
 
-def rounds(contenders, runs, keep=None):
-    """Runs each (name, fn) once per round, `runs` rounds. Returns {name: [seconds, ...]} and
-    the last result of the contender named `keep`; other results are dropped at once, so that
-    a copy is freed (or an array closed) before the next contender runs, outside the timing."""
+def rounds(contenders, runs, before_round=None):
+    """Runs each (name, fn) once per round, `runs` rounds, after before_round() (not timed).
+    Returns {name: [seconds, ...]} and {name: [anonymous bytes grown while the result was
+    held, ...]}; each result is dropped before the next contender runs."""
     times = {name: [] for name, _ in contenders}
-    kept = None
+    growth = {name: [] for name, _ in contenders}
     for _ in range(runs):
+        if before_round is not None:
+            before_round()
         for name, fn in contenders:
-            seconds, result = timed(fn)
-            times[name].append(seconds)
-            if name == keep:
-                kept = result  # drops (closes) the previous one
+            anon = anon_bytes()
+            start = time.perf_counter()
+            result = fn()
+            times[name].append(time.perf_counter() - start)
+            growth[name].append(anon_bytes() - anon)
             del result
-    return times, kept
+    return times, growth
 
 
-def in_key_order(sorted_values, keys):
-    """np.searchsorted with the keys visited in ascending order, answers in the keys' order:
-    what the package does inside one call, done with numpy."""
-    order = np.argsort(keys)
-    answers = np.empty(len(keys), dtype=np.intp)
-    answers[order] = np.searchsorted(sorted_values, keys[order])
-    return answers
+def span(seconds):
+    return f"{seconds * 1e3:.1f} ms" if seconds >= 1e-3 else f"{seconds * 1e6:.1f} us"
 
 
-def row(title, times, ours, unit_count, unit):
-    base = statistics.median(times[ours])
+def row(title, times, peer, unit_count, unit, growth=None):
+    base = statistics.median(times[peer])
     lines = []
     for name, runs in times.items():
         median = statistics.median(runs)
-        ratio = "" if name == ours else f"{base / median:.2f}x"
-        lines.append(f"| {title} | {name} | {median * 1e3:.1f} ms | {min(runs) * 1e3:.1f}-"
-                     f"{max(runs) * 1e3:.1f} ms | {unit_count / median / 1e6:.1f} M {unit}/s | "
-                     f"{ratio} |")
+        label = f"[{name}]" if name == peer else name
+        grown = "" if growth is None else f" | {statistics.median(growth[name]) / 2**20:.1f} MiB"
+        lines.append(f"| {title} | {label} | {span(median)} | {span(min(runs))}-{span(max(runs))} | "
+                     f"{unit_count / median / 1e6:.1f} M {unit}/s | {median / base:.2f}x{grown} |")
     return lines
+
+
+def numpy_at_best(values, keys, side="left"):
+    """np.searchsorted with the keys sorted first, answers in the keys' order."""
+    order = np.argsort(keys)
+    answers = np.empty(len(keys), dtype=np.intp)
+    answers[order] = np.searchsorted(values, keys[order], side)
+    return answers
 
 
 def main():
@@ -81,47 +94,72 @@ def main():
 
     rng = np.random.default_rng()
     values = np.cumsum(rng.integers(0, 8, args.count, dtype=np.int64))
-    keys = rng.integers(-10, int(values[-1]) + 10, args.keys, dtype=np.int64)
+    head = "| row | contender | median | range | rate | time / [peer] |"
     with tempfile.TemporaryDirectory(prefix="zu-pybench-", dir=args.dir) as work:
         zu.set_data_directory(os.path.join(work, "zu"))
         raw = os.path.join(work, "values.raw")
-        lines = ["| row | contender | median | range | rate | zu time / peer |",
-                 "|---|---|---|---|---|---|"]
+        lines = [head, "|---|---|---|---|---|---|"]
+
+        kept = []
 
         def append():
-            array = zu.file_array(np.int64)
-            array.append(values)
-            return array
+            kept[:] = [zu.file_array(np.int64)]  # drops (closes) the one before
+            kept[0].append(values)
 
-        write, array = rounds([("file_array.append", append),
-                               ("ndarray.tofile", lambda: values.tofile(raw))], args.runs,
-                              keep="file_array.append")
-        lines += row("write", write, "file_array.append", args.count, "elem")
+        write, _ = rounds([("file_array.append", append),
+                           ("ndarray.tofile", lambda: values.tofile(raw))], args.runs)
+        lines += row("write", write, "ndarray.tofile", args.count, "elem")
+        array = kept.pop()
         memmap = np.memmap(raw, dtype=np.int64, mode="r")
         assert np.array_equal(np.asarray(array), values) and np.array_equal(memmap, values)
 
-        read, _ = rounds([("np.asarray(file_array)", lambda: np.asarray(array)),
-                       ("np.array(memmap)", lambda: np.array(memmap)),
-                       ("ndarray.copy", values.copy)], args.runs)
-        lines += row("read all", read, "np.asarray(file_array)", args.count, "elem")
+        view, grown = rounds([("np.asarray(file_array)", lambda: np.asarray(array)),
+                              ("numpy.memmap", lambda: np.memmap(raw, np.int64, "r"))],
+                             args.runs)
+        view_lines = row("view all", view, "numpy.memmap", args.count, "elem", grown)
+        copy, _ = rounds([("np.array(file_array)", lambda: np.array(array)),
+                          ("np.array(memmap)", lambda: np.array(memmap)),
+                          ("ndarray.copy", values.copy)], args.runs)
+        lines += row("copy all", copy, "np.array(memmap)", args.count, "elem")
 
-        expected = np.searchsorted(values, keys)
-        assert np.array_equal(array.lower_bound(keys), expected)
-        assert np.array_equal(array.searchsorted(keys), expected)
-        assert np.array_equal(in_key_order(memmap, keys), expected)
-        search, _ = rounds([("file_array.lower_bound", lambda: array.lower_bound(keys)),
-                         ("file_array.searchsorted", lambda: array.searchsorted(keys)),
-                         ("np.searchsorted(memmap)", lambda: np.searchsorted(memmap, keys)),
-                         ("same, keys sorted first", lambda: in_key_order(memmap, keys)),
-                         ("np.searchsorted(ndarray)", lambda: np.searchsorted(values, keys))],
-                        args.runs)
-        lines += row("search", search, "file_array.lower_bound", args.keys, "keys")
+        keys = np.empty(0, np.int64)
+
+        def fresh_keys():
+            nonlocal keys
+            keys = rng.integers(-10, int(values[-1]) + 10, args.keys, dtype=np.int64)
+
+        fresh_keys()
+        left = np.searchsorted(values, keys)
+        right = np.searchsorted(values, keys, "right")
+        found = np.where(values[np.minimum(left, len(values) - 1)] == keys, left, len(values))
+        assert np.array_equal(array.searchsorted(keys), left)
+        assert np.array_equal(array.lower_bound(keys), left)
+        assert np.array_equal(array.find(keys), found)
+        # File storage: a key at or above the last element answers the end of its last file.
+        next_file = -(-len(values) // 2**24) * 2**24
+        assert np.array_equal(array.upper_bound(keys), np.where(right == len(values), next_file, right))
+        assert np.array_equal(np.searchsorted(array, keys), left)
+        assert np.array_equal(numpy_at_best(values, keys), left)
+        search, _ = rounds([("a.searchsorted", lambda: array.searchsorted(keys)),
+                            ("a.lower_bound", lambda: array.lower_bound(keys)),
+                            ("a.upper_bound", lambda: array.upper_bound(keys)),
+                            ("a.find", lambda: array.find(keys)),
+                            ("np.searchsorted(memmap)", lambda: np.searchsorted(memmap, keys)),
+                            ("np.searchsorted(ndarray)", lambda: np.searchsorted(values, keys)),
+                            ("numpy at its best", lambda: numpy_at_best(values, keys))],
+                           args.runs, before_round=fresh_keys)
+        lines += row("search", search, "numpy at its best", args.keys, "keys")
         array.close()
         del memmap
 
     print(f"zu_data_manager {zu.__version__}, numpy {np.__version__}: {args.count:,} int64, "
-          f"{args.keys:,} random keys, {args.runs} rounds; medians, range of the runs")
+          f"{args.keys:,} fresh random keys per round, {args.runs} rounds; medians, range "
+          f"(min-max) of the rounds")
     print("\n".join(lines))
+    print()
+    print("| row | contender | median | range | rate | time / [peer] | anonymous memory grown |")
+    print("|---|---|---|---|---|---|---|")
+    print("\n".join(view_lines))
 
 
 if __name__ == "__main__":

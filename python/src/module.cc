@@ -26,10 +26,19 @@ size, and `with ... as a:` (close() on exit). Searches assume ascending elements
 check it. searchsorted answers as numpy.searchsorted on every kind; the library's own searches
 (lower_bound, upper_bound, find, find_floor, find_nearest) keep each kind's documented answers.
 
-Buffer protocol: a vector array (writable) and an attached view (read-only) lend their storage
-without a copy, so np.asarray(a) and memoryview(a) share it. While such a view lives, append,
-clear, load_description and close raise BufferError, as a bytearray does. Other kinds raise
-BufferError for memoryview(a), and np.asarray(a) makes one bulk copy.
+Views without a copy: np.asarray(a) and memoryview(a) share the elements where they lie: a
+vector array's storage (writable), an attached view's buffer, and read-only the mapped files of
+file storage and the memory of a self-spilling array, wherever the library reads the whole array
+in place as one run (file arrays up to 64 files, 8 GiB, on 64-bit Linux). Elsewhere np.asarray
+makes one bulk copy and memoryview raises BufferError; a deque array is always copied.
+to_numpy(start, count, copy=None) views a range, to_dask() views every run.
+A view keeps the array alive (del a leaves it readable) and never shows a value other than
+a[i]: while one lives, clear, close and load_description raise BufferError, as a bytearray
+does; so do append where an append may move or free that memory (vector arrays; self-spilling
+arrays, which move into files, and clear themselves when an append fails) and a[i] = v on file
+storage (file arrays, self-spilling arrays in files). Appends to a file array stay allowed: it
+can be viewed while it grows, each view keeping the size it was made with. An append that fails
+(OSError ENOSPC) may take elements away: views keep showing them.
 
 Not thread-safe: one thread per array. A call from another thread while a long call (bulk read,
 append, batch of searches) runs raises RuntimeError. Operations on a closed array raise
@@ -41,7 +50,11 @@ const char kKeysNote[] =
     "ndarray shaped like keys, answered in one call.\nRaises TypeError for keys that are not "
     "integers, OverflowError for keys outside the dtype's range, ValueError once closed.";
 
-std::string KeysDoc(const char* text) { return std::string(text) + kKeysNote; }
+std::string KeysDoc(const std::string& text) { return text + kKeysNote; }
+
+const char kBatchNote[] =
+    "\nA batch goes through the library's batch path in one call (keys in any order, sorted "
+    "inside), other threads running meanwhile.";
 
 PyArray Make(Kind kind, const py::object& dtype) { return PyArray(kind, dtype); }
 
@@ -51,6 +64,7 @@ PYBIND11_MODULE(_core, m) {
   m.doc() = "Typed arrays that grow beyond memory into mapped temporary files (extension core).";
   m.attr("__version__") = ZU_VERSION;
   zu_python::RegisterTranslators();
+  zu_python::RegisterViews(m);
 
   py::class_<PyArray> array(m, "Array", py::buffer_protocol(), kArrayDoc);
   // pybind11 points the type's buffer slots at its own pair, which cannot count the views
@@ -78,19 +92,29 @@ the new value, so a[i] reads the old element back while searches see the new one
 
 Raises IndexError out of range, TypeError for a value that is not an integer or an index that
 is not one integer, OverflowError for a value outside the dtype's range, NotImplementedError on
-an attached view, ValueError once closed.)doc")
+an attached view, BufferError on file storage while a view of it exists, ValueError once
+closed.)doc")
       .def("__array__", &PyArray::AsArray, py::arg("dtype") = py::none(),
            py::arg("copy") = py::none(),
-           R"doc(np.asarray(a) for kinds without a buffer: every element in one bulk copy.
+           R"doc(The whole array as an ndarray: a view as the buffer protocol lends it, else a copy.
 
-Returns a new ndarray (cast to dtype when given). Raises ValueError for copy=False or once
-closed.)doc")
+copy None: a view where the whole array is one run (see help(Array)), else every element in
+one bulk copy; True: always the copy; False: the view, or ValueError saying why there is none.
+Cast to dtype when given. Raises ValueError once closed.)doc")
       .def("to_numpy", &PyArray::ToNumpy, py::arg("start") = 0, py::arg("count") = py::none(),
-           R"doc(Copies `count` elements from position `start` into a new ndarray, in bulk.
+           py::kw_only(), py::arg("copy") = true,
+           R"doc(`count` elements from position `start` as an ndarray: a copy, or a view.
 
 start and count are any non-negative integers; count None (or past the end) means up to the
-end. Returns an ndarray of the array's dtype, empty when start is at or past the end.
-Raises ValueError for a negative start or count, or once closed.)doc")
+end. copy True (the default): a new ndarray, read in bulk. copy None: a view without a copy
+where the library reads the range in place as one run, else the copy. copy False: that view,
+or ValueError saying why there is none (elements appended one by one and not yet written to
+their file, a file that a[i] = v changed, a range across deque blocks or beyond 64 files).
+Views are read-only except a vector array's, keep the array alive and hold it as np.asarray
+does (see help(Array)). Returns an ndarray of the array's dtype, empty when start is at or past
+the end. Raises ValueError for a negative start or count, or once closed.)doc")
+      .def("_read_run", &PyArray::ReadRun, py::arg("index"),
+           "(first, count) of the run of elements around `index` that reads in place, or None.")
       .def("append", &PyArray::Append, py::arg("values"),
            R"doc(Appends one integer, or a 1-D ndarray or sequence of integers of any length.
 
@@ -104,8 +128,8 @@ file storage finds no room (full disk, file-size limit, no data directory; the m
 the data directory); MemoryError when memory runs out; RuntimeError past the 2^32 - 1 elements
 of a vector or deque array. After such a failure a self-spilling array has cleared itself and
 a file array keeps the segments written before; the message gives the sizes. Also raises
-NotImplementedError on an attached view, BufferError while a buffer view exists, ValueError
-once closed.)doc")
+NotImplementedError on an attached view, BufferError while a view of a vector array or a
+self-spilling array exists, ValueError once closed.)doc")
       .def("clear", &PyArray::Clear,
            R"doc(Removes every element; file storage deletes its files. Returns None.
 
@@ -117,7 +141,8 @@ ValueError once closed.)doc")
           py::arg("keys"),
           KeysDoc("Index of the first element not less than each key: numpy's side='left', exact "
                   "on every owning kind.\nAn attached view raises NotImplementedError (use "
-                  "searchsorted).")
+                  "searchsorted)." +
+                  std::string(kBatchNote))
               .c_str())
       .def(
           "upper_bound",
@@ -131,14 +156,16 @@ ValueError once closed.)doc")
                   "the next segment (a multiple of 134217728 // itemsize), also past the end;\n"
                   "- attached views: an exact-match search, the index of the first element equal "
                   "to the key, else len(a).\n"
-                  "searchsorted(keys, 'right') gives numpy's answer on every kind.")
+                  "searchsorted(keys, 'right') gives numpy's answer on every kind." +
+                  std::string(kBatchNote))
               .c_str())
       .def(
           "find", [](PyArray& a, const py::object& k) { return a.Search(Slot::kFind, k); },
           py::arg("keys"),
           KeysDoc("Index of the first element equal to each key, else len(a); exact on every "
                   "owning kind.\nAn attached view raises NotImplementedError (its upper_bound is "
-                  "this search).")
+                  "this search)." +
+                  std::string(kBatchNote))
               .c_str())
       .def(
           "find_floor",
@@ -163,15 +190,18 @@ ValueError once closed.)doc")
 Returns (int, numpy scalar) for one key, or (int64 ndarray, ndarray of the dtype) shaped like
 an array of keys. Raises as lower_bound does, and ValueError for a negative tolerance.)doc")
       .def(
-          "searchsorted", &PyArray::SearchSorted, py::arg("keys"), py::arg("side") = "left",
+          "searchsorted", &PyArray::SearchSorted, py::arg("v"), py::arg("side") = "left",
+          py::arg("sorter") = py::none(),
           R"doc(numpy.searchsorted over the array, on every kind (file storage and attached views too).
 
-For each key the index where it would be inserted to keep the order: before equal elements for
-side='left', after them for side='right'. keys are any real numbers (ints of any size, floats;
-NaN sorts last) or arrays of them, compared exactly without conversion to the dtype.
-Returns a numpy.intp for one key, else an int64 ndarray shaped like keys, answered in one call.
-Raises ValueError for another side or once closed, TypeError for keys that are not real
-numbers.)doc")
+The signature of ndarray.searchsorted, so np.searchsorted(a, v, side) calls it and copies
+nothing. For each key of v the index where it would be inserted to keep the order: before equal
+elements for side='left', after them for side='right'. v is any real number (ints of any size,
+floats; NaN sorts last) or an array of them of any shape, compared exactly without conversion
+to the dtype. The batch goes through the library in one call, other threads running meanwhile.
+Returns a numpy.intp for one key, else an int64 ndarray shaped like v.
+Raises ValueError for another side, for a sorter other than None (the elements are searched in
+their own, ascending order) or once closed, TypeError for keys that are not real numbers.)doc")
       .def("save_description", &PyArray::SaveDescription,
            R"doc(Describes the backing files: {"files": [{"file_path": str, "size": int}, ...]}.
 

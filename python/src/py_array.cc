@@ -7,7 +7,6 @@
 
 #include "python/src/convert.h"
 #include "python/src/errors.h"
-#include "src/memory/vector_array.h"
 
 namespace zu_python {
 
@@ -18,18 +17,6 @@ CallLimits g_limits{uint64_t{1} << 30, 0xFFFFFFFFu};
 constexpr uint64_t kMaxInMemoryElements = 0xFFFFFFFFu;  // 32-bit positions of the containers
 constexpr uint64_t kMaxBlockStep = 32;                  // wider slice steps read element by element
 constexpr uint64_t kScratchElements = 1 << 16;  // elements read per block of a stepped slice
-
-// The vector behind a factory-made vector array. The member is protected; a pointer to
-// it may be formed through a derived class and then applied to any vector array.
-template <typename T>
-struct VectorOf : zu::CZUVectorArray<T> {
-  static zu::PodVector<T>* Get(IZUArray* array) {
-    auto* vector_array = dynamic_cast<zu::CZUVectorArray<T>*>(array);
-    if (vector_array == nullptr) return nullptr;
-    auto member = &VectorOf::container_;
-    return (vector_array->*member).get();
-  }
-};
 
 // Index `key` (negative counts from the end) into [0, n), or IndexError as numpy words it.
 uint64_t Normalise(const py::handle& key, uint64_t n) {
@@ -134,11 +121,13 @@ IZUArray& PyArray::Live(bool change) {
   return *array_;
 }
 
-void PyArray::RefuseWhileExported(const char* what) const {
-  if (exports_ > 0) {
-    Raise(PyExc_BufferError, std::string("cannot ") + what + " while " + std::to_string(exports_) +
-                                 " buffer view(s) of the array exist (np.asarray, memoryview): "
-                                 "release them first, or copy with a.to_numpy()");
+void PyArray::RefuseWhileExported(const char* what, int hold) const {
+  int views = hold == kHoldAppends ? hold_appends_ : hold == kHoldSets ? hold_sets_ : exports_;
+  if (views > 0) {
+    Raise(PyExc_BufferError, std::string("cannot ") + what + " while " + std::to_string(views) +
+                                 " view(s) of its elements exist (np.asarray, memoryview, "
+                                 "to_numpy(copy=False), to_dask): release them first, or "
+                                 "copy with a.to_numpy()");
   }
 }
 
@@ -156,16 +145,6 @@ void PyArray::Close() {
   array_.reset();  // a file-backed array deletes its files here
   attached_ = py::none();
   attached_data_ = nullptr;
-}
-
-const unsigned char* PyArray::Block(IZUArray& array) const {
-  if (kind_ == Kind::kAttached) return attached_data_;
-  if (kind_ != Kind::kVector) return nullptr;
-  return WithElement(code_, [&](auto tag) -> const unsigned char* {
-    using T = typename decltype(tag)::type;
-    zu::PodVector<T>* vector = VectorOf<T>::Get(&array);
-    return vector == nullptr ? nullptr : reinterpret_cast<const unsigned char*>(vector->data());
-  });
 }
 
 // --- reading ---------------------------------------------------------------------------------
@@ -315,6 +294,7 @@ void PyArray::SetItem(const py::handle& key, const py::handle& value) {
   IZUArray& array = Live(true);
   Busy busy(this);
   RefuseOnView("be assigned to");
+  RefuseWhileExported("assign to file storage", kHoldSets);
   if (py::isinstance<py::array>(key) || !PyIndex_Check(key.ptr())) {
     Raise(PyExc_TypeError, "only one element at a time can be assigned: a[i] = v");
   }
@@ -324,30 +304,6 @@ void PyArray::SetItem(const py::handle& key, const py::handle& value) {
     T element = ToElement<T>(value);
     array.SetAt(index, &element);
   });
-}
-
-py::array PyArray::ToNumpy(const py::handle& start, const py::handle& count) {
-  IZUArray& array = Live();
-  Busy busy(this);
-  uint64_t first = ToCount(start, "start");
-  uint64_t n = array.GetSize();
-  uint64_t available = first < n ? n - first : 0;
-  uint64_t wanted = count.is_none() ? available : std::min(ToCount(count, "count"), available);
-  return ReadRange(array, first < n ? first : n, wanted);
-}
-
-py::object PyArray::AsArray(const py::handle& dtype, const py::handle& copy) {
-  IZUArray& array = Live();
-  Busy busy(this);
-  if (copy.ptr() == Py_False) {
-    Raise(PyExc_ValueError,
-          "the elements are always copied out of the array: copy=False "
-          "cannot be honoured (a vector array or an attached view also "
-          "offers a zero-copy memoryview)");
-  }
-  py::array out = ReadRange(array, 0, array.GetSize());
-  if (dtype.is_none()) return std::move(out);
-  return out.attr("astype")(dtype, py::arg("copy") = false);
 }
 
 // --- adding ----------------------------------------------------------------------------------
@@ -375,7 +331,7 @@ void PyArray::Append(const py::handle& values) {
   IZUArray& array = Live(true);
   Busy busy(this);
   RefuseOnView("append");
-  RefuseWhileExported("append");
+  RefuseWhileExported("append", kHoldAppends);
   WithElement(code_, [&](auto tag) {
     using T = typename decltype(tag)::type;
     uint64_t before = array.GetSize();
@@ -385,11 +341,11 @@ void PyArray::Append(const py::handle& values) {
       return;
     }
     py::array elements = ToElements(values, code_, true);
-    if (exports_ > 0) {
+    if (hold_appends_ > 0) {
       // The values may be a view of this very array (a.append(a)): copy them, so that the
       // view goes and the storage may grow.
       elements = elements.attr("copy")();
-      RefuseWhileExported("append");
+      RefuseWhileExported("append", kHoldAppends);
     }
     if (elements.ndim() != 1) {
       Raise(PyExc_ValueError, "append takes one value or a 1-D array, not an array of shape " +
@@ -419,53 +375,6 @@ void PyArray::Clear() {
   RefuseOnView("be cleared");
   RefuseWhileExported("clear the array");
   array.Clear();
-}
-
-// --- buffer protocol -------------------------------------------------------------------------
-
-int PyArray::GetBuffer(PyObject* self, Py_buffer* view, int flags) {
-  view->obj = nullptr;
-  PyArray* array = nullptr;
-  try {
-    array = py::handle(self).cast<PyArray*>();
-    IZUArray& live = array->Live();
-    const unsigned char* block = array->Block(live);
-    if (block == nullptr) {
-      Raise(PyExc_BufferError, array->KindPhrase() +
-                                   " is not one contiguous block: copy it out with "
-                                   "np.asarray(a) or a.to_numpy()");
-    }
-    const bool readonly = array->kind_ == Kind::kAttached;
-    if ((flags & PyBUF_WRITABLE) && readonly) {
-      Raise(PyExc_BufferError, "an attached view is read-only");
-    }
-    static const char* const kFormats[] = {"", "B", "H", "", "I", "", "", "", "q"};
-    auto* layout = new Py_ssize_t[2]{static_cast<Py_ssize_t>(live.GetSize()), array->code_};
-    static unsigned char empty;  // an empty vector may have no storage at all
-    view->buf = const_cast<unsigned char*>(layout[0] == 0 ? &empty : block);
-    view->obj = py::handle(self).inc_ref().ptr();
-    view->len = layout[0] * array->code_;
-    view->itemsize = array->code_;
-    view->readonly = readonly ? 1 : 0;
-    view->ndim = 1;
-    view->format = (flags & PyBUF_FORMAT) ? const_cast<char*>(kFormats[array->code_]) : nullptr;
-    view->shape = (flags & PyBUF_ND) ? layout : nullptr;
-    view->strides = (flags & PyBUF_STRIDES) == PyBUF_STRIDES ? layout + 1 : nullptr;
-    view->suboffsets = nullptr;
-    view->internal = layout;
-    ++array->exports_;
-    return 0;
-  } catch (py::error_already_set& e) {
-    e.restore();
-  } catch (const std::exception& e) {
-    PyErr_SetString(PyExc_BufferError, e.what());
-  }
-  return -1;
-}
-
-void PyArray::ReleaseBuffer(PyObject* self, Py_buffer* view) {
-  delete[] static_cast<Py_ssize_t*>(view->internal);
-  --py::handle(self).cast<PyArray*>()->exports_;
 }
 
 }  // namespace zu_python

@@ -4,9 +4,11 @@
 // holds the numpy array whose buffer it reads. Long calls (bulk reads, appends, batches of
 // searches) let other Python threads run meanwhile, but the library serves one thread per array:
 // the array refuses other calls (RuntimeError) until the long one returns.
-// A vector array or an attached view lends its storage through the buffer protocol; while such
-// a view lives, the array refuses what could move or free that storage (append, clear,
-// load_description, close) with BufferError, as a bytearray does.
+// Views: the array lends its elements where they lie (the runs of direct_read.h) to numpy,
+// through the buffer protocol (np.asarray, memoryview) and to_numpy(copy=False). Each view
+// keeps the Python Array alive and counts as a loan until numpy lets it go; while loans are
+// out, the array refuses with BufferError, as a bytearray does, every change that would end or
+// change what they show (see Hold).
 #ifndef ZU_PYTHON_PY_ARRAY_H_
 #define ZU_PYTHON_PY_ARRAY_H_
 
@@ -27,6 +29,21 @@ namespace py = pybind11;
 enum class Kind { kVector, kDeque, kFile, kAutoVector, kAutoDeque, kAttached };
 enum class Slot { kLowerBound, kUpperBound, kFind, kFindFloor };
 
+// What a lent view refuses besides clear, close and load_description, which every view
+// refuses (they end every run).
+enum Hold : int {
+  kHoldAppends = 1,  // memory an append may move or free: vector and self-spilling arrays
+  kHoldSets = 2,     // file storage, where a[i] = v takes the file's elements out of the runs
+};
+
+// Elements that a view may show: `count` elements at `data`, and what the view refuses.
+struct Lent {
+  const unsigned char* data = nullptr;
+  uint64_t count = 0;
+  int holds = 0;          // Hold bits
+  bool writable = false;  // a vector array lends its storage for writing, as it always has
+};
+
 // How many elements one library call moves, and the largest start that CopyOut can address
 // (its start is 32 bits wide; reads beyond go element by element). Tests lower them to cover
 // the split without 2^32 elements.
@@ -35,6 +52,9 @@ struct CallLimits {
   uint64_t reach;  // <= 2^32 - 1
 };
 CallLimits& Limits();
+
+// Registers the type of the objects that hold views' loans (module _core, as _Lease).
+void RegisterViews(py::module_& m);
 
 // An element of a buffer that need not be aligned for T.
 template <typename T>
@@ -62,22 +82,30 @@ class PyArray {
 
   py::object GetItem(const py::handle& key);
   void SetItem(const py::handle& key, const py::handle& value);
-  py::array ToNumpy(const py::handle& start, const py::handle& count);
+  // copy True: a new ndarray; None: a view where one run holds the range, else a new ndarray;
+  // False: a view, else ValueError saying why there is none.
+  py::array ToNumpy(const py::handle& start, const py::handle& count, const py::handle& copy);
   py::object AsArray(const py::handle& dtype, const py::handle& copy);
+  // (first, count) of the run around element `index`, or None (see ZuGetReadRun).
+  py::object ReadRun(const py::handle& index);
 
   void Append(const py::handle& values);
   void Clear();
 
   py::object Search(Slot slot, const py::handle& keys);
   py::object FindNearest(const py::handle& keys, const py::handle& tolerance);
-  py::object SearchSorted(const py::handle& keys, const std::string& side);
+  py::object SearchSorted(const py::handle& keys, const std::string& side,
+                          const py::handle& sorter);
 
   py::object SaveDescription();
   void LoadDescription(const py::handle& description);
 
-  // The buffer protocol's two slots, installed on the Python type.
+  // The buffer protocol's two slots, installed on the Python type: the whole array as one view.
   static int GetBuffer(PyObject* self, Py_buffer* view, int flags);
   static void ReleaseBuffer(PyObject* self, Py_buffer* view);
+  // A view's loan of the array: from its making to its release, with what it refuses.
+  void Lend(int holds);
+  void Return(int holds);
 
  private:
   // Marks the array in use for one call, from its first check to its return. Python code that
@@ -110,7 +138,8 @@ class PyArray {
   // The array, or ValueError once closed, RuntimeError while another thread's call runs or,
   // for a call that changes the array, while a call on it is under way.
   IZUArray& Live(bool change = false);
-  void RefuseWhileExported(const char* what) const;
+  // BufferError while views live that `hold` (0: any view) stops.
+  void RefuseWhileExported(const char* what, int hold = 0) const;
   void RefuseOnView(const char* what) const;
   bool InMemory() const { return kind_ == Kind::kVector || kind_ == Kind::kDeque; }
 
@@ -124,8 +153,13 @@ class PyArray {
   py::object Gather(IZUArray& array, const py::handle& key, uint64_t n);
   py::object Element(IZUArray& array, uint64_t index);
   void CheckAdded(IZUArray& array, int code, uint64_t before, uint64_t given) const;
-  // The contiguous block behind a vector array or an attached view; null for other kinds.
-  const unsigned char* Block(IZUArray& array) const;
+  // The memory that holds elements [start, start + count), count > 0, in *lent; else why
+  // there is none, as a sentence.
+  std::string FindRun(IZUArray& array, uint64_t start, uint64_t count, Lent* lent) const;
+  // FindRun over the whole array (any size, 0 too); a deque array lends no whole array.
+  std::string FindWholeRun(IZUArray& array, Lent* lent) const;
+  // An ndarray over what FindRun found, holding a loan of this array.
+  py::array LendView(const Lent& lent);
 
   std::unique_ptr<IZUArray> array_;  // null once closed
   Kind kind_;
@@ -134,7 +168,9 @@ class PyArray {
   py::object scalar_type_;  // numpy scalar type of the elements (numpy.int64, ...)
   py::object attached_;     // the numpy array an attached view reads, else None
   const unsigned char* attached_data_ = nullptr;  // its buffer, alive as long as attached_
-  int exports_ = 0;                               // live buffer views of the storage
+  int exports_ = 0;                               // views lent and not yet released
+  int hold_appends_ = 0;                          // of them, those with kHoldAppends
+  int hold_sets_ = 0;                             // of them, those with kHoldSets
   int busy_ = 0;                                  // calls under way (see Busy)
   bool released_ = false;                         // one of them has let go of the GIL
 };

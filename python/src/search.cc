@@ -1,13 +1,17 @@
 // The searches of an Array: the library's own slots over a key or a batch of keys, and
-// numpy's searchsorted, answered exactly on every kind through LowerBound.
+// numpy's searchsorted, answered exactly on every kind through LowerBound. Batches of
+// LowerBound, UpperBound and Find go through the library's batch path (ZuSearchBatch) in one
+// call, which the C++ front end uses too; the other searches have none and run key by key.
 #include <algorithm>
 #include <limits>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "python/src/convert.h"
 #include "python/src/errors.h"
 #include "python/src/py_array.h"
+#include "zu_data_manager/direct_read.h"
 
 namespace zu_python {
 
@@ -56,6 +60,14 @@ std::vector<std::pair<T, size_t>> Batch(const py::array& keys) {
   return batch;
 }
 
+// out[k] = the search's answer for keys[k] through the library's batch path.
+void SearchBatch(IZUArray& array, ZuSearch search, const void* keys, uint64_t count,
+                 uint64_t* out) {
+  if (count > 0 && !ZuSearchBatch(&array, search, keys, count, out)) {
+    throw std::runtime_error("the library refused a batch of searches");
+  }
+}
+
 [[noreturn]] void RefuseSearchOnView() {
   Raise(PyExc_NotImplementedError,
         "an attached view answers upper_bound (an exact-match search) and searchsorted only; "
@@ -87,10 +99,17 @@ py::object PyArray::Search(Slot slot, const py::handle& keys) {
     py::array values = ToElements(keys, code_, false);
     py::array_t<int64_t> out(ShapeOf(values));
     int64_t* to = out.mutable_data();
+    const auto count = static_cast<uint64_t>(values.size());
     Released released(this);
-    auto batch = Batch<T>(values);
-    InKeyOrder(&batch, array.GetSize() * sizeof(T),
-               [&](const T& key, size_t i) { to[i] = call(key); });
+    if (slot == Slot::kFindFloor) {
+      auto batch = Batch<T>(values);
+      InKeyOrder(&batch, array.GetSize() * sizeof(T),
+                 [&](const T& key, size_t i) { to[i] = call(key); });
+    } else {
+      static const ZuSearch kBatch[] = {kZuSearchLowerBound, kZuSearchUpperBound, kZuSearchFind};
+      SearchBatch(array, kBatch[static_cast<int>(slot)], values.data(), count,
+                  reinterpret_cast<uint64_t*>(to));
+    }
     return std::move(out);
   });
 }
@@ -123,16 +142,22 @@ py::object PyArray::FindNearest(const py::handle& keys, const py::handle& tolera
   });
 }
 
-py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side) {
+py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side,
+                                 const py::handle& sorter) {
   IZUArray& array = Live();
   Busy busy(this);
   if (side != "left" && side != "right") {
     Raise(PyExc_ValueError, "side must be 'left' or 'right' (got '" + side + "')");
   }
+  if (!sorter.is_none()) {
+    // Not a TypeError: numpy would take that for another signature and copy the whole array.
+    Raise(PyExc_ValueError,
+          "sorter must be None: the array is searched in its own order, which searches assume "
+          "ascending (sort the elements before appending them)");
+  }
   const bool right = side == "right";
   ExactKeys exact = ToExactKeys(keys);
   const uint64_t n = array.GetSize();
-  const unsigned char* block = kind_ == Kind::kAttached ? attached_data_ : nullptr;
   py::array_t<int64_t> out(ShapeOf(exact.values));
   WithElement(code_, [&](auto tag) {
     using T = typename decltype(tag)::type;
@@ -145,7 +170,8 @@ py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side
       int64_t* to = out.mutable_data();
       auto count = static_cast<size_t>(exact.values.size());
       Released released(this);
-      std::vector<std::pair<T, size_t>> batch;
+      std::vector<T> thresholds;
+      std::vector<size_t> where;
       for (size_t i = 0; i < count; ++i) {
         bool all = false;
         Wide t = ExactThreshold(from[i], right, &all);
@@ -154,13 +180,20 @@ py::object PyArray::SearchSorted(const py::handle& keys, const std::string& side
         } else if (t <= static_cast<Wide>(std::numeric_limits<T>::min())) {
           to[i] = 0;
         } else {
-          batch.emplace_back(static_cast<T>(t), i);
+          thresholds.push_back(static_cast<T>(t));
+          where.push_back(i);
         }
       }
-      InKeyOrder(&batch, n * sizeof(T), [&](const T& threshold, size_t i) {
-        to[i] = static_cast<int64_t>(block != nullptr ? CountBelow(block, n, threshold)
-                                                      : array.LowerBound(&threshold));
-      });
+      std::vector<uint64_t> answers(thresholds.size());
+      if (kind_ == Kind::kAttached) {  // the library refuses LowerBound on views
+        for (size_t k = 0; k < thresholds.size(); ++k) {
+          answers[k] = CountBelow(attached_data_, n, thresholds[k]);
+        }
+      } else {
+        SearchBatch(array, kZuSearchLowerBound, thresholds.data(), thresholds.size(),
+                    answers.data());
+      }
+      for (size_t k = 0; k < where.size(); ++k) to[where[k]] = static_cast<int64_t>(answers[k]);
     };
     switch (exact.values.dtype().kind()) {
       case 'i':

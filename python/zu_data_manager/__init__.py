@@ -8,7 +8,8 @@
         a.append(np.arange(0, 30_000_000, 3))
         a[-1], a[1000:1005], a.searchsorted([301, 302], side="right")
 
-Every kind is an Array: see help(zu_data_manager.Array).
+Every kind is an Array: see help(zu_data_manager.Array). np.asarray(a) views file storage
+without a copy; a.to_dask() and dask_array(description, dtype) hand the data to dask.
 """
 from ._core import (
     Array,
@@ -23,6 +24,10 @@ from ._core import (
     set_data_directory,
     vector_array,
 )
+from ._dask import dask_array, to_dask
+
+Array.to_dask = to_dask
+del to_dask
 
 __all__ = [
     "Array",
@@ -30,6 +35,7 @@ __all__ = [
     "auto_deque_array",
     "auto_vector_array",
     "clean_tmp_files",
+    "dask_array",
     "deque_array",
     "file_array",
     "get_data_directory",
