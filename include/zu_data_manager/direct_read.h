@@ -33,9 +33,10 @@
 //    self-spilling array that still lives in memory (its storage may move, or move into
 //    files). Appends leave the runs of a deque array and of file storage (file array,
 //    self-spilling array in files) in place, and run.flags then carries kZuRunKeptByAppends:
-//    appended elements never move what is mapped. An append that fails (result 1 or 2, or a
-//    single Append a failed storage drops) may take elements away: the run's memory stays
-//    readable until one of the changes above, but its values are no longer the array's.
+//    appended elements never move what is mapped. An append to a file array that fails
+//    (result 2, or a single Append a failed storage drops) may take elements away: the run's
+//    memory stays readable until one of the changes above, but its values are no longer the
+//    array's. A self-spilling array that fails an add clears itself, which ends its runs.
 //  * SetAt ends the runs of file storage; in memory it writes in place and the run shows the
 //    new value.
 //  * An attached buffer's runs are the caller's buffer: valid while the caller keeps it.

@@ -70,7 +70,7 @@ void CZUFileArrayImp<T, Layout>::TearDown(Teardown what) {
   // Unmapping (rather than only forgetting) the chunk views keeps a dead segment from pinning
   // address space; the file stays open so that destruction can delete it. A wide read view
   // stays until then: a run handed out over it (an append that failed) must stay readable.
-  file_.UnmapChunkViews();
+  file_.UnmapViews();
   ready_ = false;
   dead_ = true;
   ReportReadable();

@@ -109,11 +109,6 @@ void MappedFile::UnmapViews() {
   read_chunk_ = 0;
 }
 
-void MappedFile::UnmapChunkViews() {
-  write_view_.Reset();
-  if (!wide_read_view_) UnmapViews();
-}
-
 void MappedFile::Close() {
   UnmapViews();
   read_view_.Reset();

@@ -93,9 +93,6 @@ class MappedFile {
   // wide read view stay (a wide view pins nothing but addresses, and what was read in place
   // through it stays readable until the segment goes).
   void UnmapViews();
-  // Unmaps the write view and a read view of one chunk; a wide read view stays mapped until
-  // Close, so that runs read through it (ZuGetReadRun) stay readable while the file lives.
-  void UnmapChunkViews();
 
   bool is_open() const { return file_ != platform::kInvalidFile; }
   // The file's path; empty when no file is held.
