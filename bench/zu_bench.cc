@@ -41,6 +41,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -213,23 +214,33 @@ class DataDir {
     }
   }
 
-  // KiB of the directory's files mapped in this process, and of them KiB mapped by 2 MiB
+  // Names of the data files in the directory.
+  std::vector<std::string> DataFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(path_)) {
+      if (entry.path().extension() == ".KMB") names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // KiB of the data files `names` mapped in this process, and of them KiB mapped by 2 MiB
   // entries (smaps: Rss, FilePmdMapped).
-  std::pair<uint64_t, uint64_t> MappedKiB() const {
+  std::pair<uint64_t, uint64_t> MappedKiB(const std::vector<std::string>& names) const {
     std::ifstream smaps("/proc/self/smaps");
-    const std::string dir = path_.string() + "/";
     uint64_t rss = 0, pmd = 0;
     bool inside = false;
     for (std::string line; std::getline(smaps, line);) {
       unsigned long long kib = 0;
-      if (line.find(dir) != std::string::npos) {
-        inside = true;
-      } else if (std::sscanf(line.c_str(), "Rss: %llu kB", &kib) == 1) {
+      if (std::sscanf(line.c_str(), "Rss: %llu kB", &kib) == 1) {
         if (inside) rss += kib;
       } else if (std::sscanf(line.c_str(), "FilePmdMapped: %llu kB", &kib) == 1) {
         if (inside) pmd += kib;
-      } else if (line.find('-') < line.find(' ') && line.find(':') > line.find(' ')) {
-        inside = false;  // the header of another mapping
+      } else if (line.find('-') < line.find(' ')) {  // the header of a mapping
+        const std::string dir = path_.string() + "/";
+        const size_t at = line.find(dir);
+        inside = at != std::string::npos &&
+                 std::binary_search(names.begin(), names.end(), line.substr(at + dir.size()));
       }
     }
     return {rss, pmd};
@@ -1111,10 +1122,15 @@ void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns, Fill fil
     // Earlier writers' dirty pages are written back first, so that no write-back runs while
     // the passes are timed; the new array's own pages stay dirty in the page cache.
     g_dir->Settle();
+    const std::vector<std::string> before = g_dir->DataFiles();
     std::unique_ptr<IZUArray> a(NewArray("file"));
     if (!FillArray(a.get(), src, fill)) wrong = "append failed";
-    // What the array's views map before the first pass, and how much of it in 2 MiB entries.
-    const auto [rss_kib, pmd_kib] = g_dir->MappedKiB();
+    // What the array's views map before the first pass, and how much of it by 2 MiB entries.
+    std::vector<std::string> own;
+    const std::vector<std::string> after = g_dir->DataFiles();
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(own));
+    const auto [rss_kib, pmd_kib] = g_dir->MappedKiB(own);
     mapped.push_back(static_cast<double>(rss_kib) / 1024);
     large.push_back(static_cast<double>(pmd_kib) / 1024);
     double pass_ns[3];
