@@ -20,14 +20,20 @@ inline constexpr uint64_t kAdviseBytes = 0x10000;
 // A file write at least this long is mapped into a wide read view at once.
 inline constexpr uint64_t kPopulateBytes = 0x200000;
 
-// What was just written is in the page cache: mapping it into the wide read view now costs far
-// less than the page faults it spares the first searches. A write of file bytes [begin, end)
-// maps the chunks it completed, each whole (earlier writes may have begun it), so that appends
-// in small pieces pay one call per chunk; with `all`, the rest of the write too.
-inline void PopulateWritten(MappedFile& file, uint64_t begin, uint64_t end, bool all) {
+// What was just written is in the page cache: mapping it into the wide read view now costs less
+// than the page faults it spares the first searches. A `large` write of file bytes [begin, end)
+// is mapped whole: the page cache holds it in large pieces, which the view maps with one entry
+// each. Smaller writes map the chunks they completed, each whole (earlier writes may have begun
+// it), so that appends in small pieces pay once per chunk; the page cache holds those in small
+// pieces, which a touch maps several times cheaper than the system's populate call.
+inline void PopulateWritten(MappedFile& file, uint64_t begin, uint64_t end, bool large) {
   const uint64_t from = begin / kChunkBytes * kChunkBytes;
-  const uint64_t to = all ? end : end / kChunkBytes * kChunkBytes;
-  if (to > from) file.Populate(from, to - from);
+  if (large) {
+    file.Populate(from, end - from);
+    return;
+  }
+  const uint64_t to = end / kChunkBytes * kChunkBytes;
+  if (to > from) file.Touch(from, to - from);
 }
 
 // Runs step; with `guarded`, an exception from it is reported as a write conflict and answered
@@ -269,8 +275,6 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
       TearDown(Teardown::kDie);
       throw ZuArrayNoSpaceException();
     }
-    // A large write leaves the page cache holding large pieces, which a wide read view maps
-    // with one entry each: all of it is mapped at once.
     segment_internal::PopulateWritten(file_, start * sizeof(T), (start + bulk) * sizeof(T),
                                       bulk * sizeof(T) >= segment_internal::kPopulateBytes);
     first->Seek(first->GetPosition() + static_cast<unsigned int>(bulk));
