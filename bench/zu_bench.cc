@@ -8,7 +8,7 @@
 // past the spill threshold of the self-spilling arrays.
 //
 // Usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] [--only NAME,...]
-//                 [--kinds KIND,...]
+//                 [--kinds KIND,...] [--fills FILL,...]
 //   --out DIR     where results.md, results.json and results.tsv go (default docs/bench)
 //   --rss-gib N   GiB appended for the resident-memory scenario (default 8)
 //   --quick       smaller sizes, for a smoke run
@@ -17,6 +17,8 @@
 //                 autowarm, lbcold, spill, rss (the read scenarios fill their containers with
 //                 bulk, which then runs too; first needs the warm LowerBound, which then runs)
 //   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
+//   --fills FILL,... how the first-pass rows fill their array: buffer (one AppendBuffer), 1mib
+//                 (AppendBuffer calls of 1 MiB), appender (zu::Appender), append (Append)
 // ZU_BENCH_DIR chooses the parent of the data directory (default: the temp directory); the
 // data directory is created fresh and removed, with every file in it, at the end.
 #include <fcntl.h>
@@ -39,6 +41,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -49,6 +52,7 @@
 
 #include "bench/floor_reader.h"
 #include "src/auto/auto_array.h"
+#include "zu_data_manager/array.h"
 #include "zu_data_manager/reader.h"
 #include "zu_data_manager/zu_data_manager.h"
 
@@ -209,6 +213,38 @@ class DataDir {
       ::madvise(reinterpret_cast<void*>(static_cast<uintptr_t>(from)),
                 static_cast<size_t>(to - from), MADV_DONTNEED);
     }
+  }
+
+  // Names of the data files in the directory.
+  std::vector<std::string> DataFiles() const {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(path_)) {
+      if (entry.path().extension() == ".KMB") names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // KiB of the data files `names` mapped in this process, and of them KiB mapped by 2 MiB
+  // entries (smaps: Rss, FilePmdMapped).
+  std::pair<uint64_t, uint64_t> MappedKiB(const std::vector<std::string>& names) const {
+    std::ifstream smaps("/proc/self/smaps");
+    uint64_t rss = 0, pmd = 0;
+    bool inside = false;
+    for (std::string line; std::getline(smaps, line);) {
+      unsigned long long kib = 0;
+      if (std::sscanf(line.c_str(), "Rss: %llu kB", &kib) == 1) {
+        if (inside) rss += kib;
+      } else if (std::sscanf(line.c_str(), "FilePmdMapped: %llu kB", &kib) == 1) {
+        if (inside) pmd += kib;
+      } else if (line.find('-') < line.find(' ')) {  // the header of a mapping
+        const std::string dir = path_.string() + "/";
+        const size_t at = line.find(dir);
+        inside = at != std::string::npos &&
+                 std::binary_search(names.begin(), names.end(), line.substr(at + dir.size()));
+      }
+    }
+    return {rss, pmd};
   }
 
   // Writes back every dirty page of the file system that holds the directory (files that are
@@ -1087,23 +1123,80 @@ double SearchWarm(Filled& f) {
   return steady;
 }
 
+// How a first-pass row fills its array: one AppendBuffer of everything, AppendBuffer calls of
+// 1 MiB each, single appends through zu::Appender (which hands over 64 KiB blocks), or a
+// virtual Append per element (the array's own stage writes them).
+enum class Fill { kOneBuffer, kMiBBuffers, kAppender, kAppend };
+constexpr Fill kFills[] = {Fill::kOneBuffer, Fill::kMiBBuffers, Fill::kAppender, Fill::kAppend};
+const char* FillName(Fill fill) {
+  switch (fill) {
+    case Fill::kOneBuffer:
+      return "buffer";
+    case Fill::kMiBBuffers:
+      return "1mib";
+    case Fill::kAppender:
+      return "appender";
+    case Fill::kAppend:
+      return "append";
+  }
+  return "";
+}
+// The row's name: the one-buffer row keeps the name earlier results have.
+std::string FirstPassScenario(Fill fill) {
+  return fill == Fill::kOneBuffer ? "LowerBound first pass"
+                                  : std::string("LowerBound first pass ") + FillName(fill);
+}
+
+bool FillArray(IZUArray* a, const std::vector<int64_t>& src, Fill fill) {
+  const uint64_t n = src.size();
+  switch (fill) {
+    case Fill::kOneBuffer:
+      return a->AppendBuffer(src.data(), n) == kZuOk;
+    case Fill::kMiBBuffers: {
+      constexpr uint64_t kPiece = (1 << 20) / sizeof(int64_t);
+      for (uint64_t i = 0; i < n; i += kPiece) {
+        if (a->AppendBuffer(src.data() + i, std::min(kPiece, n - i)) != kZuOk) return false;
+      }
+      return true;
+    }
+    case Fill::kAppender: {
+      zu::Appender<int64_t> out(a);
+      for (const int64_t v : src) out.push_back(v);
+      return out.flush() == zu::Status::ok;
+    }
+    case Fill::kAppend:
+      for (const int64_t& v : src) a->Append(&v);
+      return a->GetSize() == n;
+  }
+  return false;
+}
+
 // The first pass of LowerBound over a freshly written file array: its pages are in the page
 // cache (just written) but not yet mapped for reading in this process. Each run writes a new
-// array and searches it three times with fresh keys; the first pass is set against the two
-// after it on the same array (its steady state, in the same conditions), and against the
-// steady state of the warm rows (`steady_ns`, a fully mapped array).
-void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns) {
+// array (filled as `fill` says) and searches it three times with fresh keys; the first pass is
+// set against the two after it on the same array (its steady state, in the same conditions),
+// and against the steady state of the warm rows (`steady_ns`, a fully mapped array).
+void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns, Fill fill) {
   const uint64_t n = src.size();
   const int runs = n <= (1 << 16) ? 7 : n <= (1 << 22) ? 5 : 3;
   std::mt19937_64 random(17);
-  std::vector<double> first, later, ratio, vec, vec_ratio;
+  std::vector<double> first, later, ratio, vec, vec_ratio, mapped, large;
   std::string wrong;
   for (int run = 0; run < runs; ++run) {
     // Earlier writers' dirty pages are written back first, so that no write-back runs while
     // the passes are timed; the new array's own pages stay dirty in the page cache.
     g_dir->Settle();
+    const std::vector<std::string> before = g_dir->DataFiles();
     std::unique_ptr<IZUArray> a(NewArray("file"));
-    if (a->AppendBuffer(src.data(), n) != kZuOk) wrong = "append failed";
+    if (!FillArray(a.get(), src, fill)) wrong = "append failed";
+    // What the array's views map before the first pass, and how much of it by 2 MiB entries.
+    std::vector<std::string> own;
+    const std::vector<std::string> after = g_dir->DataFiles();
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                        std::back_inserter(own));
+    const auto [rss_kib, pmd_kib] = g_dir->MappedKiB(own);
+    mapped.push_back(static_cast<double>(rss_kib) / 1024);
+    large.push_back(static_cast<double>(pmd_kib) / 1024);
     double pass_ns[3];
     for (double& ns : pass_ns) {
       const std::vector<int64_t> keys = FreshKeys(random, kSearchKeys, 2 * n);
@@ -1130,7 +1223,7 @@ void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns) {
     }
     vec_ratio.push_back(pass_ns[0] / ((pass_ns[1] + pass_ns[2]) / 2));
   }
-  Row r = MakeRow("LowerBound first pass", "file", n, "M ops/s");
+  Row r = MakeRow(FirstPassScenario(fill), "file", n, "M ops/s");
   r.zu = 1e3 / Median(first);
   r.std_vector = 1e3 / Median(vec);
   r.limit_name = "next";
@@ -1145,7 +1238,9 @@ void SearchFirstPass(const std::vector<int64_t>& src, double steady_ns) {
                  Format(Median(later)) + ", warm rows " + Format(steady_ns) +
                  ", std::vector over the first pass's keys " + Format(Median(vec)) +
                  "; a freshly written std::vector, first pass / next two " +
-                 Format(Median(vec_ratio)) + "; a new array for each of " + std::to_string(runs) +
+                 Format(Median(vec_ratio)) + "; mapped before the first pass " +
+                 Format(Median(mapped)) + " MiB, " + Format(Median(large)) +
+                 " MiB of it by 2 MiB entries; a new array for each of " + std::to_string(runs) +
                  " runs");
   Add(r);
 }
@@ -1525,6 +1620,7 @@ int main(int argc, char** argv) {
   std::vector<uint64_t> chosen_sizes;
   std::vector<std::string> only;  // empty: every scenario
   std::vector<std::string> kinds = {"vector", "deque", "auto", "file"};
+  std::vector<std::string> fills;  // empty: every fill of the first-pass rows
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
     if (arg == "--out" && i + 1 < argc) {
@@ -1541,11 +1637,13 @@ int main(int argc, char** argv) {
       only = SplitList(argv[++i]);
     } else if (arg == "--kinds" && i + 1 < argc) {
       kinds = SplitList(argv[++i]);
+    } else if (arg == "--fills" && i + 1 < argc) {
+      fills = SplitList(argv[++i]);
     } else {
       std::fprintf(stderr,
                    "usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] "
                    "[--only append,bulk,read,getat,lbwarm,first,autowarm,lbcold,spill,rss] "
-                   "[--kinds vector,deque,auto,file]\n");
+                   "[--kinds vector,deque,auto,file] [--fills buffer,1mib,appender,append]\n");
       return 2;
     }
   }
@@ -1600,7 +1698,9 @@ int main(int argc, char** argv) {
     if (wanted("lbwarm")) steady = SearchWarm(filled);
     if (wanted("first")) {
       if (std::isnan(steady)) steady = SearchWarm(filled);
-      SearchFirstPass(src, steady);
+      for (Fill fill : kFills) {
+        if (fills.empty() || Contains(fills, FillName(fill))) SearchFirstPass(src, steady, fill);
+      }
     }
     if (wanted("autowarm")) AutoSearchWarm(src);
     if (wanted("lbcold")) LowerBoundCold(filled);

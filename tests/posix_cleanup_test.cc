@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -102,6 +103,38 @@ TEST(PosixCleanup, KilledWritersLeaveFilesThatCleanTmpFilesRemoves) {
   std::printf(
       "crash leftovers (seed %u): 50 writers killed, %d of them left %d files, all removed\n", seed,
       with_leftovers, leftovers);
+}
+
+// Operators see every open data file under its own name, in the descriptors and in the views:
+// a "#inode (deleted)" entry (the name a file made without one keeps) reads as a leak and
+// invites a clean-up by hand.
+TEST(PosixCleanup, OpenDataFilesShowUnderTheirNames) {
+  TempDataDir dir;
+  FilledFileArray filled(3, 300000);  // more than a chunk: the write and read views are mapped
+  ASSERT_EQ(filled.Fill(), kZuOk);
+  ASSERT_TRUE(filled.Intact());
+  const std::vector<std::string> files = DataFiles(dir.path());
+  ASSERT_EQ(files.size(), 1u);
+  const std::filesystem::path home = std::filesystem::canonical(dir.path());
+  const std::string expected = (home / files[0]).string();
+  int descriptors = 0, views = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    const std::filesystem::path target = std::filesystem::read_symlink(entry.path(), error);
+    if (error || target.parent_path() != home) continue;
+    ++descriptors;
+    EXPECT_EQ(target.string(), expected);
+  }
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find(home.string() + "/") == std::string::npos) continue;
+    ++views;
+    EXPECT_TRUE(line.size() >= expected.size() &&
+                line.compare(line.size() - expected.size(), expected.size(), expected) == 0)
+        << line;
+  }
+  EXPECT_EQ(descriptors, 1);
+  EXPECT_GE(views, 1);
 }
 
 // A description re-attached in another process: the loader clears and destroys its array and

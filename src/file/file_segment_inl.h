@@ -20,6 +20,22 @@ inline constexpr uint64_t kAdviseBytes = 0x10000;
 // A file write at least this long is mapped into a wide read view at once.
 inline constexpr uint64_t kPopulateBytes = 0x200000;
 
+// What was just written is in the page cache: mapping it into the wide read view now costs less
+// than the page faults it spares the first searches. A `large` write of file bytes [begin, end)
+// is mapped whole: the page cache holds it in large pieces, which the view maps with one entry
+// each. Smaller writes map the chunks they completed, each whole (earlier writes may have begun
+// it), so that appends in small pieces pay once per chunk; the page cache holds those in small
+// pieces, which a touch maps several times cheaper than the system's populate call.
+inline void PopulateWritten(MappedFile& file, uint64_t begin, uint64_t end, bool large) {
+  const uint64_t from = begin / kChunkBytes * kChunkBytes;
+  if (large) {
+    file.Populate(from, end - from);
+    return;
+  }
+  const uint64_t to = end / kChunkBytes * kChunkBytes;
+  if (to > from) file.Touch(from, to - from);
+}
+
 // Runs step; with `guarded`, an exception from it is reported as a write conflict and answered
 // with false instead of passing on.
 template <typename Step>
@@ -229,6 +245,7 @@ void CZUFileArrayImp<T, Layout>::PushBackSlow(const T& value) {
   // still covers them.
   if (size_ % kStageLength == 0) {
     WriteStage();
+    segment_internal::PopulateWritten(file_, (size_ - 1) * sizeof(T), size_ * sizeof(T), false);
     if (size_ >= kMaxSize) stage_.Drop();  // a full segment takes no more single appends
   }
   FlushIfPending();
@@ -265,12 +282,8 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
       TearDown(Teardown::kDie);
       throw ZuArrayNoSpaceException();
     }
-    // A large write leaves the page cache holding large pieces, which a wide read view maps
-    // with one entry each: mapping them for reading now costs little and spares the first
-    // searches a fault each. Small pieces would cost a mapping call per write for a few pages.
-    if (bulk * sizeof(T) >= segment_internal::kPopulateBytes) {
-      file_.Populate(start * sizeof(T), bulk * sizeof(T));
-    }
+    segment_internal::PopulateWritten(file_, start * sizeof(T), (start + bulk) * sizeof(T),
+                                      bulk * sizeof(T) >= segment_internal::kPopulateBytes);
     first->Seek(first->GetPosition() + static_cast<unsigned int>(bulk));
     contiguous->data = bytes + bulk * sizeof(T);
     contiguous->count -= bulk;
@@ -281,6 +294,7 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
   }
   if (count == 0 || !WriteViewTo(size_)) return;
   T* view = WriteViewAt(size_);
+  const uint64_t begin = size_;
   for (uint64_t k = 0; k < count; ++k) {
     T* slot = view + size_ % kChunkLength;
     bool ended = false;  // the source ran out before its announced end
@@ -301,6 +315,7 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
     ++size_;
     segment_internal::RunGuarded(guarded, [&] { first->Next(); });
   }
+  segment_internal::PopulateWritten(file_, begin * sizeof(T), size_ * sizeof(T), false);
 }
 
 template <typename T, typename Layout>

@@ -194,4 +194,11 @@ void MappedFile::Populate(uint64_t offset, uint64_t bytes) {
                                  static_cast<size_t>(bytes), platform::ViewAdvice::kPopulate);
 }
 
+void MappedFile::Touch(uint64_t offset, uint64_t bytes) {
+  if (!wide_read_view_ || read_view_.get() == nullptr || bytes == 0) return;
+  const uint64_t page = platform::Current().PageSize();
+  const auto* view = static_cast<const volatile unsigned char*>(read_view_.get());
+  for (uint64_t at = offset; at < offset + bytes; at += page) static_cast<void>(view[at]);
+}
+
 }  // namespace zu

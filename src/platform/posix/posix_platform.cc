@@ -6,7 +6,8 @@
 //    files, as an open file without delete sharing does on Windows.
 //  * A new data file gets its name only once it is share-locked (it is made nameless, or under
 //    a name the clean-up never matches, and then linked or renamed), so no clean-up can take
-//    it between its creation and its lock.
+//    it between its creation and its lock; it is then opened again by that name, so that /proc
+//    shows it under the name.
 //  * A holder's own delete removes the file only when it is the last holder (it must get
 //    LOCK_EX without waiting), as Windows refuses to delete a file another handle keeps open.
 //  * A "mapping object" fixes the file's length; creating one extends the file with reserved
@@ -29,6 +30,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwctype>
+#include <utility>
 
 #include "src/base/utf8.h"
 #include "src/platform/platform.h"
@@ -162,6 +164,24 @@ int CreateLockedFileByRename(const std::string& path) {
   return named ? fd.release() : -1;
 }
 
+// A descriptor of the file `fd` stands for, opened again through `path`, the name just given
+// to it; `fd` itself is closed. A descriptor keeps the name it was opened by: the nameless
+// file's, or the temporary name's, would show in /proc (and so in lsof) as "#inode (deleted)"
+// or "... .new (deleted)", which reads as a leaked file. The new descriptor is share-locked
+// before the first closes (shared locks coexist), so the file is never unlocked in between.
+// On any failure the first descriptor stays: the file works the same, only its name in /proc
+// differs.
+int ReopenByName(ScopedFd fd, const std::string& path) {
+  ScopedFd named(RetryOpen(path, O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat made, found;
+  if (!named.valid() || ::fstat(fd.get(), &made) != 0 || ::fstat(named.get(), &found) != 0 ||
+      made.st_dev != found.st_dev || made.st_ino != found.st_ino ||
+      !RetryFlock(named.get(), LOCK_SH | LOCK_NB)) {
+    return fd.release();
+  }
+  return named.release();
+}
+
 bool IsRegularFile(int fd) {
   struct stat st;
   return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
@@ -221,11 +241,13 @@ class PosixPlatform : public Platform {
     const std::string native = WideToUtf8(path);
     ScopedFd fd(CreateNamelessLockedFile(DirectoryOf(native)));
     if (fd.valid()) {
-      if (NameFile(fd.get(), native)) return fd.release();
+      if (NameFile(fd.get(), native)) return ReopenByName(std::move(fd), native);
       // The name is taken (never replaced), or the file cannot be linked here.
       if (errno == EEXIST) return kInvalidFile;
     }
-    return CreateLockedFileByRename(native);
+    ScopedFd renamed(CreateLockedFileByRename(native));
+    if (!renamed.valid()) return kInvalidFile;
+    return ReopenByName(std::move(renamed), native);
   }
 
   FileHandle OpenFile(const std::wstring& path) override {
