@@ -174,26 +174,35 @@ TEST(BatchSearchParts, BatchLargerThanOneSort) {
   }
 }
 
-// The sort the integer batches use: ascending, ties in the order given, every position once;
-// negative keys first for signed types.
-TEST(RadixSort, SortsKeysWithTheirPositions) {
-  std::mt19937_64 random(3);
-  std::vector<int64_t> keys(5000);
-  for (auto& k : keys)
-    k = static_cast<int64_t>(random() % 64) * (int64_t{1} << 40) - (int64_t{1} << 45);
-  keys[17] = INT64_MIN;
-  keys[18] = INT64_MAX;
-  std::vector<KeyAndPosition<int64_t>> sorted, scratch;
-  RadixSortWithPositions(keys.data(), static_cast<uint32_t>(keys.size()), &sorted, &scratch);
+// The sort the integer batches use: ascending, ties in the order given, every position once.
+template <typename T>
+void ExpectSorted(const std::vector<T>& keys) {
+  std::vector<KeyAndPosition<T>> sorted(keys.size());
+  RadixSortWithPositions(keys.data(), static_cast<uint32_t>(keys.size()), sorted.data());
   std::vector<uint32_t> order(keys.size());
   for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
   std::stable_sort(order.begin(), order.end(),
                    [&](uint32_t a, uint32_t b) { return keys[a] < keys[b]; });
-  ASSERT_EQ(sorted.size(), keys.size());
   for (size_t j = 0; j < order.size(); ++j) {
-    EXPECT_EQ(sorted[j].position, order[j]) << j;
-    EXPECT_EQ(sorted[j].key, keys[order[j]]) << j;
+    ASSERT_EQ(sorted[j].position, order[j]) << j;
+    ASSERT_EQ(sorted[j].key, keys[order[j]]) << j;
   }
+}
+
+// Signed keys (negative ones first, the extremes included) in few large buckets, and keys
+// skewed towards zero, so that buckets range from one key to thousands.
+TEST(RadixSort, SortsKeysWithTheirPositions) {
+  std::mt19937_64 random(3);
+  std::vector<int64_t> signed_keys(5000);
+  for (auto& k : signed_keys) {
+    k = static_cast<int64_t>(random() % 64) * (int64_t{1} << 40) - (int64_t{1} << 45);
+  }
+  signed_keys[17] = INT64_MIN;
+  signed_keys[18] = INT64_MAX;
+  ExpectSorted(signed_keys);
+  std::vector<uint32_t> skewed_keys(5000);
+  for (auto& k : skewed_keys) k = static_cast<uint32_t>(random() % (1 + random() % (1u << 26)));
+  ExpectSorted(skewed_keys);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // Bisections that run side by side, for the batched searches (batch_search.h). A lone
 // bisection of a large array waits for one cache miss after another, and half of its
-// branches are mispredicted. Here kLanes bisections step together: each step of a lane is a
-// conditional move rather than a branch, and requests the two lines its next step may read,
-// so that the misses of all lanes and of two steps overlap.
+// branches are mispredicted. Here up to kLanes bisections step together: each step of a lane
+// is a conditional move rather than a branch, and as soon as a lane knows where its next step
+// will look it requests that line, which then arrives while the other lanes take their steps.
+// Only lines that will be read are requested (requesting both halves' lines ahead doubles the
+// traffic, and at a gigabyte the memory's rate of random lines is what bounds a batch).
 #ifndef ZU_CORE_BATCH_BISECT_H_
 #define ZU_CORE_BATCH_BISECT_H_
 
@@ -12,9 +14,9 @@
 namespace zu {
 namespace batch {
 
-// Bisections that step together; enough to keep the memory system busy, few enough that
-// their state stays in registers and the first level of cache.
-constexpr int kLanes = 16;
+// Bisections that step together: a step of every lane takes longer than a line takes to
+// arrive from memory, so a lane's next line is there when its turn comes again.
+constexpr int kLanes = 128;
 // The keys of a sorted batch are searched in levels: each level searches the keys that lie
 // kFanOut places apart in key order between the keys the level before answered.
 constexpr uint64_t kFanOut = 16;
@@ -31,55 +33,55 @@ struct PassedUpper {
   bool operator()(const T& element, const T& key) const { return !(key < element); }
 };
 
-// kLanes bisections, one window of ascending elements each.
+// Requests the line of `p` into the second-level cache, where the most lines can be on their
+// way at once.
+template <typename T>
+void Request(const T* p) {
+  __builtin_prefetch(p, 0, 1);
+}
+
+// Up to kLanes bisections, one window of ascending elements each.
 template <typename T>
 class Lanes {
  public:
-  // Lane g searches for `key` among data[from, from + ...]: the answer is known to lie in
-  // [from, to] (to may be the run's end, `run_count`), and `out`, when not null, receives the
-  // answer's offset from `data` after Bisect.
+  // Lane g searches for `key` in `data`, a run of `run_count` elements: the answer is known to
+  // lie in [from, to] (to may be the run's end), and *out, when out is not null, receives the
+  // answer's offset after Bisect.
   void Set(int g, const T& key, const T* data, uint64_t from, uint64_t to, uint64_t run_count,
-           uint64_t* out = nullptr) {
-    // An empty window [from, from] still looks at one element, the one at `from` (or the
-    // run's last one, when `from` is the end): the answer stays the same, as the element
-    // either is not passed or is the last one before the answer.
+           uint64_t* out) {
+    // Every window looks at one element at least. An empty window [from, from] looks at the
+    // one at `from` (or the run's last, when `from` is the end), and the answer stays `from`:
+    // that element either is not passed or is the last one before the answer.
     const uint64_t start = std::min(from, run_count - 1);
     key_[g] = &key;
     data_[g] = data;
     base_[g] = data + start;
     length_[g] = std::max(to, start + 1) - start;
     out_[g] = out;
+    Request(base_[g] + length_[g] / 2);
   }
 
-  // Lane `to` repeats lane `from` (its answer goes to the same place).
-  void Copy(int from, int to) {
-    key_[to] = key_[from];
-    data_[to] = data_[from];
-    base_[to] = base_[from];
-    length_[to] = length_[from];
-    out_[to] = out_[from];
-  }
-
-  // Runs every lane to its answer.
+  // Runs lanes [0, used) to their answers.
   template <typename Passed>
-  void Bisect(Passed passed) {
+  void Bisect(int used, Passed passed) {
     uint64_t longest = 0;
-    for (int g = 0; g < kLanes; ++g) longest = std::max(longest, length_[g]);
-    // A lane whose window is shorter reaches length 1 earlier and then stays where it is:
-    // its step of half 0 looks at the same element again and does not move.
+    for (int g = 0; g < used; ++g) longest = std::max(longest, length_[g]);
+    // The answer lies in [base, base + length]; each step keeps the half that holds it, and
+    // the element looked at stays at the base of the upper half, so that length only halves,
+    // rounded up, whichever half is kept. A lane whose window is shorter reaches length 1
+    // earlier and then stays where it is: a step of half 0 does not move it.
     while (longest > 1) {
-      for (int g = 0; g < kLanes; ++g) {
+      for (int g = 0; g < used; ++g) {
         const uint64_t half = length_[g] / 2;
-        const uint64_t rest = length_[g] - half;
         const T* base = base_[g];
-        __builtin_prefetch(base + rest / 2);
-        __builtin_prefetch(base + half + rest / 2);
-        base_[g] = passed(base[half], *key_[g]) ? base + half : base;
-        length_[g] = rest;
+        base = passed(base[half], *key_[g]) ? base + half : base;
+        base_[g] = base;
+        length_[g] -= half;
+        Request(base + length_[g] / 2);
       }
       longest -= longest / 2;
     }
-    for (int g = 0; g < kLanes; ++g) {
+    for (int g = 0; g < used; ++g) {
       base_[g] += passed(*base_[g], *key_[g]) ? 1 : 0;
       if (out_[g] != nullptr) *out_[g] = Offset(g);
     }
@@ -107,11 +109,9 @@ class LaneQueue {
     lanes_.Set(used_, key, data, from, to, run_count, out);
     if (++used_ == kLanes) Flush();
   }
-  // Searches the windows pushed so far; idle lanes repeat the first one.
+  // Searches the windows pushed so far.
   void Flush() {
-    if (used_ == 0) return;
-    for (int g = used_; g < kLanes; ++g) lanes_.Copy(0, g);
-    lanes_.Bisect(passed_);
+    lanes_.Bisect(used_, passed_);
     used_ = 0;
   }
 

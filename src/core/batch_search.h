@@ -15,6 +15,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <memory>
 #include <numeric>
 #include <type_traits>
 #include <vector>
@@ -55,8 +57,8 @@ namespace batch {
 // Below this many keys a batch is searched in the order given: sorting it costs more than
 // the cache misses it saves. Measured with zu-bench's batch rows (see README).
 constexpr uint64_t kMinSortedKeys = 512;
-// At most this many keys are sorted at once, so that the sort buffers of a huge batch stay
-// bounded (three buffers of 16 bytes a key); a larger batch is searched in parts.
+// At most this many keys are sorted at once, so that the buffers of a huge batch stay bounded
+// (some 24 bytes a key); a larger batch is searched in parts.
 constexpr uint64_t kMaxSortedKeys = uint64_t{1} << 22;
 // A sorted batch is searched in blocks of this many keys, each down to its answers before
 // the next: a block's window of the data then stays in the cache (and its pages in the TLB)
@@ -69,16 +71,14 @@ constexpr uint64_t kBlockKeys = 4096;
 template <typename T, bool = std::is_integral<T>::value>
 class SortedKeys {
  public:
-  SortedKeys(const T* keys, uint32_t count) {
-    RadixSortWithPositions(keys, count, &sorted_, &spare_);
-    spare_ = {};
+  SortedKeys(const T* keys, uint32_t count) : sorted_(new KeyAndPosition<T>[count]) {
+    RadixSortWithPositions(keys, count, sorted_.get());
   }
   const T& key(uint64_t j) const { return sorted_[j].key; }
   uint32_t position(uint64_t j) const { return sorted_[j].position; }
 
  private:
-  std::vector<KeyAndPosition<T>> sorted_;  // ascending by key
-  std::vector<KeyAndPosition<T>> spare_;   // the sort's second buffer, freed after it
+  std::unique_ptr<KeyAndPosition<T>[]> sorted_;  // ascending by key
 };
 template <typename T>
 class SortedKeys<T, false> {
@@ -133,16 +133,16 @@ void SearchInOrder(const std::vector<SortedRun<T>>& runs, Passed passed, bool fi
   size_t run_of[kLanes];
   for (uint64_t k0 = 0; k0 < count; k0 += kLanes) {
     const int used = static_cast<int>(std::min<uint64_t>(kLanes, count - k0));
-    for (int g = 0; g < kLanes; ++g) {
-      const T& key = keys[k0 + static_cast<uint64_t>(std::min(g, used - 1))];
+    for (int g = 0; g < used; ++g) {
+      const T& key = keys[k0 + static_cast<uint64_t>(g)];
       run_of[g] = runs.size() == 1 ? 0 : RunOf(runs, key, passed);
       const SortedRun<T>& run = runs[run_of[g]];
-      lanes.Set(g, key, run.data, 0, run.count, run.count);
+      lanes.Set(g, key, run.data, 0, run.count, run.count, nullptr);
     }
-    lanes.Bisect(passed);
+    lanes.Bisect(used, passed);
     for (int g = 0; g < used; ++g) {
-      const SortedRun<T>& run = runs[run_of[g]];
-      out[k0 + static_cast<uint64_t>(g)] = Answer(run, lanes.Offset(g), keys[k0 + g], find, total);
+      const uint64_t k = k0 + static_cast<uint64_t>(g);
+      out[k] = Answer(runs[run_of[g]], lanes.Offset(g), keys[k], find, total);
     }
   }
 }
@@ -224,12 +224,12 @@ template <typename T, typename Passed>
 void SearchSorted(const std::vector<SortedRun<T>>& runs, Passed passed, bool find, const T* keys,
                   uint64_t count, uint64_t total, uint64_t* out) {
   const SortedKeys<T> sorted(keys, static_cast<uint32_t>(count));
-  std::vector<uint64_t> offsets(count);
+  std::unique_ptr<uint64_t[]> offsets(new uint64_t[count]);
   uint64_t begin = 0;
   for (const SortedRun<T>& run : runs) {
     if (begin == count) break;
     const uint64_t end = FirstPassing(run, passed, sorted, begin, count);
-    SearchSortedRun(run, passed, sorted, begin, end - begin, offsets.data() + begin);
+    SearchSortedRun(run, passed, sorted, begin, end - begin, offsets.get() + begin);
     for (uint64_t j = begin; j < end; ++j) {
       out[sorted.position(j)] = Answer(run, offsets[j], sorted.key(j), find, total);
     }
