@@ -73,8 +73,10 @@ class Lanes {
     while (longest > 1) {
       for (int g = 0; g < used; ++g) {
         const uint64_t half = length_[g] / 2;
-        const T* base = base_[g];
-        base = passed(base[half], *key_[g]) ? base + half : base;
+        // The move as arithmetic: an optimiser may turn a conditional expression into a
+        // branch, which is mispredicted half the time.
+        const uint64_t passed_mask = 0 - static_cast<uint64_t>(passed(base_[g][half], *key_[g]));
+        const T* base = base_[g] + (half & passed_mask);
         base_[g] = base;
         length_[g] -= half;
         Request(base + length_[g] / 2);
@@ -82,7 +84,7 @@ class Lanes {
       longest -= longest / 2;
     }
     for (int g = 0; g < used; ++g) {
-      base_[g] += passed(*base_[g], *key_[g]) ? 1 : 0;
+      base_[g] += static_cast<uint64_t>(passed(*base_[g], *key_[g]));
       if (out_[g] != nullptr) *out_[g] = Offset(g);
     }
   }

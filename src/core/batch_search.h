@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "src/core/batch_bisect.h"
+#include "src/core/bisect.h"
 #include "src/core/radix_sort.h"
 #include "zu_data_manager/direct_read.h"
 
@@ -106,15 +107,9 @@ bool PastRun(const SortedRun<T>& run, const T& key, Passed passed) {
 // one when it passes them all (its search then answers the run's end, the total).
 template <typename T, typename Passed>
 size_t RunOf(const std::vector<SortedRun<T>>& runs, const T& key, Passed passed) {
-  size_t first = 0;
-  size_t count = runs.size() - 1;
-  while (count > 0) {
-    const size_t half = count / 2;
-    const bool right = PastRun(runs[first + half], key, passed);
-    first = right ? first + half + 1 : first;
-    count = right ? count - half - 1 : half;
-  }
-  return first;
+  return static_cast<size_t>(
+      BranchlessBisect(runs.data(), runs.size() - 1,
+                       [&](const SortedRun<T>& run) { return PastRun(run, key, passed); }));
 }
 
 // The answer at `offset` in `run` for the search asked: the index itself, or for Find the
