@@ -14,8 +14,9 @@
 //   --quick       smaller sizes, for a smoke run
 //   --sizes N,... element counts of the sized scenarios (default 65536,4194304,134217728)
 //   --only NAME,... run only these scenarios: append, bulk, read, getat, direct, lbwarm, first,
-//                 autowarm, lbcold, spill, rss (the read scenarios fill their containers with
-//                 bulk, which then runs too; first needs the warm LowerBound, which then runs)
+//                 autowarm, lbcold, batch, spill, rss (the read scenarios fill their containers
+//                 with bulk, which then runs too; first needs the warm LowerBound, which then
+//                 runs; batch fills arrays of its own)
 //   --kinds KIND,... array kinds of the one-by-one append (vector, deque, auto, file)
 //   --fills FILL,... how the first-pass rows fill their array: buffer (one AppendBuffer), 1mib
 //                 (AppendBuffer calls of 1 MiB), appender (zu::Appender), append (Append)
@@ -1278,6 +1279,100 @@ void AutoSearchWarm(const std::vector<int64_t>& src) {
   }
 }
 
+// ---------------------------------------------------------------------------------------------
+// Batched searches: one ZuSearchBatch call over a whole batch of fresh keys, on a file array and
+// on a vector array, next to one standard search per key over std::vector holding the same
+// data, all three over the same keys of each round.
+
+// Keys of a batch, at most half the distinct keys [0, 2n) holds (n at 64 Ki elements).
+constexpr size_t kBatchKeys = size_t{1} << 20;
+// Rounds of the batch rows: a round at a gigabyte takes a second, most of it the per-key
+// standard searches.
+int BatchRounds(uint64_t n) { return n <= (1 << 22) ? 11 : 7; }
+
+ZuSearch BatchSearchOf(SearchOp op) {
+  return op == SearchOp::kLower   ? kZuSearchLowerBound
+         : op == SearchOp::kUpper ? kZuSearchUpperBound
+                                  : kZuSearchFind;
+}
+
+// A batch through ZuSearchBatch into `out` (allocated once, as a host would keep it).
+Contender::Pass BatchPass(IZUArray* a, SearchOp op, std::vector<uint64_t>* out) {
+  return [a, op, out](const std::vector<int64_t>& keys, size_t count) {
+    if (!ZuSearchBatch(a, BatchSearchOf(op), keys.data(), count, out->data())) return ~uint64_t{0};
+    return (*out)[0] ^ (*out)[count - 1];
+  };
+}
+
+// The batch's answers against one call of the array's own search for every fourth key (the
+// file array's UpperBound answers a segment's end above the last element; the batch must too).
+std::string CheckBatch(IZUArray* a, SearchOp op, const std::vector<int64_t>& keys) {
+  std::vector<uint64_t> out(keys.size());
+  if (!ZuSearchBatch(a, BatchSearchOf(op), keys.data(), keys.size(), out.data())) {
+    return "batch refused";
+  }
+  for (size_t i = 0; i < keys.size(); i += 4) {
+    const void* k = &keys[i];
+    const uint64_t one = op == SearchOp::kLower   ? a->LowerBound(k)
+                         : op == SearchOp::kUpper ? a->UpperBound(k)
+                                                  : a->Find(k);
+    if (out[i] != one) return "wrong answers";
+  }
+  return "";
+}
+
+// The row of one array's batches next to the per-key standard searches: rates from the median
+// times, and the time of a batch over the time of the standard searches, round by round.
+void AddBatchRow(Row r, const Contender& zu, const Contender& peer,
+                 const std::vector<Contender>& all) {
+  r.zu = 1e3 / Median(zu.ns);
+  r.std_vector = 1e3 / Median(peer.ns);
+  AddRatio(r, "std::vector", r.std_vector);
+  std::vector<double> ratio;
+  for (size_t i = 0; i < zu.ns.size() && i < peer.ns.size(); ++i) {
+    ratio.push_back(zu.ns[i] / peer.ns[i]);
+  }
+  const auto [low, high] = std::minmax_element(ratio.begin(), ratio.end());
+  AddNote(r, "time batch / std::vector per key, median of the rounds " + Format(Median(ratio)) +
+                 " (" + Format(*low) + "-" + Format(*high) + ")");
+  AddNote(r, NsNote(all));
+  Add(r);
+}
+
+void SearchBatches(const std::vector<int64_t>& src) {
+  const uint64_t n = src.size();
+  std::unique_ptr<IZUArray> file(NewArray("file"));
+  std::unique_ptr<IZUArray> vector(NewArray("vector"));
+  if (file->AppendBuffer(src.data(), n) != kZuOk || vector->AppendBuffer(src.data(), n) != kZuOk) {
+    std::printf("batch searches: append failed\n");
+    return;
+  }
+  MapForReading(file.get(), n);
+  std::vector<uint64_t> file_out(kBatchKeys), vector_out(kBatchKeys);
+  for (SearchOp op : {SearchOp::kLower, SearchOp::kUpper, SearchOp::kFind}) {
+    const std::string scenario = std::string(SearchName(op)) + " batch";
+    std::vector<Contender> contenders;
+    double file_rate = 0, std_rate = 0, vector_rate = 0;
+    contenders.emplace_back("zu file", &file_rate, BatchPass(file.get(), op, &file_out));
+    contenders.emplace_back(
+        "std::vector", &std_rate,
+        [&src, op](const std::vector<int64_t>& k, size_t c) { return StdPass(src, op, k, c); });
+    contenders.emplace_back("zu vector", &vector_rate, BatchPass(vector.get(), op, &vector_out));
+    std::string wrong;
+    const size_t keys = static_cast<size_t>(std::min<uint64_t>(kBatchKeys, n));
+    RunRounds(contenders, BatchRounds(n), keys, 2 * n, true, 31 + static_cast<int>(op),
+              [&](const std::vector<int64_t>& keys) {
+                wrong = CheckBatch(file.get(), op, keys);
+                if (wrong.empty()) wrong = CheckBatch(vector.get(), op, keys);
+              });
+    for (int kind = 0; kind < 2; ++kind) {
+      Row r = MakeRow(scenario, kind == 0 ? "file" : "vector", n, "M ops/s");
+      AddNote(r, wrong);
+      AddBatchRow(r, contenders[kind == 0 ? 0 : 2], contenders[1], contenders);
+    }
+  }
+}
+
 // Cold: the page cache of every data file is written back and dropped before each batch. Rates
 // count the searches only; the bytes read per search come from /proc/self/io.
 void LowerBoundCold(Filled& f) {
@@ -1526,7 +1621,13 @@ const char kNotes[] =
     "read_bytes. stxxl::vector uses 1 MiB blocks and a cache of two blocks, "
     "its disk a file in the data directory (syscall, unlink, no direct I/O). The anonymous "
     "memory row counts RssAnon growth from just before the file array exists; the allowance is "
-    "16 MiB plus one int64 sample per 4 KiB page of data.\n";
+    "16 MiB plus one int64 sample per 4 KiB page of data. Batch rows: each round draws 1 Mi "
+    "distinct keys in [0, 2n) (64 Ki at 64 Ki elements), fresh every round; a "
+    "batch is one ZuSearchBatch call over all of them (sorting included) into a buffer kept "
+    "between rounds, on a file array whose pages were all read before and on a vector array; "
+    "std::vector runs std::lower_bound (upper_bound; lower_bound and a comparison) per key over "
+    "the same data; the first round's answers are checked against the array's own search for "
+    "every fourth key.\n";
 
 void WriteResults(const fs::path& out, const Machine& m, double total_seconds) {
   fs::create_directories(out);
@@ -1642,8 +1743,9 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr,
                    "usage: zu-bench [--out DIR] [--rss-gib N] [--quick] [--sizes N,...] "
-                   "[--only append,bulk,read,getat,lbwarm,first,autowarm,lbcold,spill,rss] "
-                   "[--kinds vector,deque,auto,file] [--fills buffer,1mib,appender,append]\n");
+                   "[--only append,bulk,read,getat,direct,lbwarm,first,autowarm,lbcold,batch,"
+                   "spill,rss] [--kinds vector,deque,auto,file] "
+                   "[--fills buffer,1mib,appender,append]\n");
       return 2;
     }
   }
@@ -1674,6 +1776,7 @@ int main(int argc, char** argv) {
     if (wanted("append")) {
       for (const std::string& kind : kinds) AppendOne(kind, src, reps);
     }
+    if (wanted("batch")) SearchBatches(src);
     if (!(wanted("bulk") || wanted("read") || wanted("getat") || wanted("direct") ||
           wanted("lbwarm") || wanted("first") || wanted("autowarm") || wanted("lbcold"))) {
       continue;
