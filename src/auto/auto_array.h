@@ -240,6 +240,7 @@ int CZUAutoDequeArray<T, Alloc, Layout>::SpillToFiles() {
   // The buffer lives on the heap: 8192 records of 512 bytes are 4 MiB, far more than a stack
   // frame should hold. It is only needed for a piece that is not one run of memory.
   std::vector<T> buffer;
+  files->MapSmallWrites(false);  // nothing reads the files before the move ends
   int64_t remaining = this->container_->GetSize();
   int64_t position = 0;
   while (remaining > 0) {
@@ -266,6 +267,7 @@ int CZUAutoDequeArray<T, Alloc, Layout>::SpillToFiles() {
     position += k;
     remaining -= k;
   }
+  files->MapSmallWrites(true);
   this->container_ = std::move(files);  // the in-memory storage goes here
   spilled_ = true;
   return kZuOk;

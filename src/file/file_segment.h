@@ -106,6 +106,10 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   }
   // Writes the elements that single appends staged to the file.
   void WriteStaged() { WriteStage(); }
+  // Whether the chunks that small writes complete are mapped into the wide read view at once,
+  // sparing the first reads their faults (on by default). A bulk move that nobody reads while
+  // it runs turns it off: the mapping would cost it more than the faults it spares.
+  void MapSmallWrites(bool on) { map_small_writes_ = on; }
   // Before the wide read view is first mapped: the read map this segment reports to, as its
   // segment `index`, and where the view goes there (null: wherever the system likes).
   void UseReadMap(ReadMap* map, size_t index, void* place) {
@@ -265,8 +269,9 @@ class CZUFileArrayImp final : public IZUArrayImp<T> {
   // False once a sampled element may differ from its sample (a write through GetWritePtr, or
   // SetElement outside the last chunk); true again when the samples are dropped.
   bool samples_match_file_ = true;
-  ReadMap* read_map_ = nullptr;  // told what the segment reads in place; null: nobody
-  size_t read_index_ = 0;        // this segment's number there
+  bool map_small_writes_ = true;  // see MapSmallWrites
+  ReadMap* read_map_ = nullptr;   // told what the segment reads in place; null: nobody
+  size_t read_index_ = 0;         // this segment's number there
 };
 
 #define ZU_DECLARE_FILE_SEGMENT(T) extern template class CZUFileArrayImp<T>;

@@ -26,12 +26,15 @@ inline constexpr uint64_t kPopulateBytes = 0x200000;
 // each. Smaller writes map the chunks they completed, each whole (earlier writes may have begun
 // it), so that appends in small pieces pay once per chunk; the page cache holds those in small
 // pieces, which a touch maps several times cheaper than the system's populate call.
-inline void PopulateWritten(MappedFile& file, uint64_t begin, uint64_t end, bool large) {
+// `small` (false) leaves the smaller writes to be mapped by the first reads.
+inline void PopulateWritten(MappedFile& file, uint64_t begin, uint64_t end, bool large,
+                            bool small) {
   const uint64_t from = begin / kChunkBytes * kChunkBytes;
   if (large) {
     file.Populate(from, end - from);
     return;
   }
+  if (!small) return;
   const uint64_t to = end / kChunkBytes * kChunkBytes;
   if (to > from) file.Touch(from, to - from);
 }
@@ -245,7 +248,8 @@ void CZUFileArrayImp<T, Layout>::PushBackSlow(const T& value) {
   // still covers them.
   if (size_ % kStageLength == 0) {
     WriteStage();
-    segment_internal::PopulateWritten(file_, (size_ - 1) * sizeof(T), size_ * sizeof(T), false);
+    segment_internal::PopulateWritten(file_, (size_ - 1) * sizeof(T), size_ * sizeof(T), false,
+                                      map_small_writes_);
     if (size_ >= kMaxSize) stage_.Drop();  // a full segment takes no more single appends
   }
   FlushIfPending();
@@ -283,7 +287,8 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
       throw ZuArrayNoSpaceException();
     }
     segment_internal::PopulateWritten(file_, start * sizeof(T), (start + bulk) * sizeof(T),
-                                      bulk * sizeof(T) >= segment_internal::kPopulateBytes);
+                                      bulk * sizeof(T) >= segment_internal::kPopulateBytes,
+                                      map_small_writes_);
     first->Seek(first->GetPosition() + static_cast<unsigned int>(bulk));
     contiguous->data = bytes + bulk * sizeof(T);
     contiguous->count -= bulk;
@@ -315,7 +320,8 @@ void CZUFileArrayImp<T, Layout>::AppendRun(ArrayIterBase* first, ContiguousRange
     ++size_;
     segment_internal::RunGuarded(guarded, [&] { first->Next(); });
   }
-  segment_internal::PopulateWritten(file_, begin * sizeof(T), size_ * sizeof(T), false);
+  segment_internal::PopulateWritten(file_, begin * sizeof(T), size_ * sizeof(T), false,
+                                    map_small_writes_);
 }
 
 template <typename T, typename Layout>

@@ -105,6 +105,11 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   void WriteStaged() {
     if (last_ != nullptr) last_->WriteStaged();
   }
+  // See Segment::MapSmallWrites; for the segments there are and those to come.
+  void MapSmallWrites(bool on) {
+    map_small_writes_ = on;
+    for (const auto& segment : segments_) segment->MapSmallWrites(on);
+  }
 
   size_t SegmentCount() const { return segments_.size(); }
   Segment& segment(size_t s) { return *segments_[s]; }
@@ -133,6 +138,7 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   // Every segment but the last was full when the next one was added (always so for segments
   // filled by appends; a description may name shorter ones).
   bool regular_ = true;
+  bool map_small_writes_ = true;  // handed to every segment (see MapSmallWrites)
   Placeholders<T> placeholders_;  // handed out (all ones) where no element is
 };
 
@@ -210,6 +216,7 @@ bool CZUMultiFileArrayImp<T, Layout>::AddSegment(const T& head) {
 
 template <typename T, typename Layout>
 void CZUMultiFileArrayImp<T, Layout>::JoinReadMap(Segment& segment) {
+  segment.MapSmallWrites(map_small_writes_);
   const size_t s = segments_.size();
   void* place = read_map_.PlaceFor(s, [this](size_t t, void* address, ScopedMapping* old) {
     return segments_[t]->MoveReadView(address, old);
