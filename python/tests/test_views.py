@@ -168,12 +168,3 @@ def test_searchsorted_is_numpys_and_copies_nothing(data_dir):
     assert a.searchsorted(v=np.int64(7)) == 4 and np.ndim(a.searchsorted(7.5)) == 0
     with pytest.raises(ValueError, match="sorter"):  # not TypeError: numpy would copy instead
         np.searchsorted(a, keys, sorter=np.arange(len(v)))
-
-
-@pytest.fixture
-def data_dir():
-    with tempfile.TemporaryDirectory(prefix="zu-py-") as d:
-        zu.set_data_directory(d)
-        yield d
-        zu.set_data_directory("")
-        assert [n for n in os.listdir(d) if n.upper().endswith(".KMB")] == []

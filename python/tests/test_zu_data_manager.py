@@ -17,13 +17,7 @@ FILE_KINDS = {"file"}  # the self-spilling kinds stay in memory at these sizes
 ROOT = os.path.join(os.path.dirname(__file__), "..", "..")
 
 
-@pytest.fixture(autouse=True)
-def data_dir():
-    with tempfile.TemporaryDirectory(prefix="zu-py-") as d:
-        zu.set_data_directory(d)
-        yield d
-        zu.set_data_directory("")
-        assert [n for n in os.listdir(d) if n.upper().endswith(".KMB")] == []
+pytestmark = pytest.mark.usefixtures("data_dir")  # every test: a fresh data directory
 
 
 def sorted_values(dtype, n=300_000, seed=1):
