@@ -17,7 +17,6 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
-#include <numeric>
 #include <type_traits>
 #include <vector>
 
@@ -55,9 +54,10 @@ bool CollectRuns(uint64_t size, RunAt&& run_at, std::vector<SortedRun<T>>* runs)
 
 namespace batch {
 
-// Below this many keys a batch is searched in the order given: sorting it costs more than
-// the cache misses it saves. Measured with zu-bench's batch rows (see README).
-constexpr uint64_t kMinSortedKeys = 512;
+// Below this many keys a batch is searched in the order given: sorting it costs about what it
+// saves (measured from 64 Ki to 128 Mi int64 elements: the two ways cross between 1 Ki and
+// 4 Ki keys, nearer 1 Ki the larger the array).
+constexpr uint64_t kMinSortedKeys = 1024;
 // At most this many keys are sorted at once, so that the buffers of a huge batch stay bounded
 // (some 24 bytes a key); a larger batch is searched in parts.
 constexpr uint64_t kMaxSortedKeys = uint64_t{1} << 22;
@@ -66,9 +66,20 @@ constexpr uint64_t kMaxSortedKeys = uint64_t{1} << 22;
 // from one level to the next.
 constexpr uint64_t kBlockKeys = 4096;
 
+// Records larger than this are searched in the order given whatever the batch's size: their
+// comparisons, not cache misses, are what their searches cost, and sorting adds about as many
+// again (256- and 512-byte records take 0.5-0.7 of the time in order that they take sorted;
+// 16- to 128-byte records 0.6-1.0 sorted).
+constexpr size_t kMaxSortedRecordBytes = 128;
+template <typename T>
+constexpr bool SortsBatches() {
+  return std::is_integral<T>::value || sizeof(T) <= kMaxSortedRecordBytes;
+}
+
 // A batch in key order: key(j) is the j-th smallest key, position(j) where the caller passed
 // it. Integer keys are radix-sorted with their positions; records, which only their own
-// operator< orders, have their positions sorted by comparison.
+// operator< orders, are sorted by comparison as copies next to their positions (comparisons
+// through the positions would read the caller's keys all over).
 template <typename T, bool = std::is_integral<T>::value>
 class SortedKeys {
  public:
@@ -84,17 +95,16 @@ class SortedKeys {
 template <typename T>
 class SortedKeys<T, false> {
  public:
-  SortedKeys(const T* keys, uint32_t count) : keys_(keys), order_(count) {
-    std::iota(order_.begin(), order_.end(), 0u);
-    std::sort(order_.begin(), order_.end(),
-              [keys](uint32_t a, uint32_t b) { return keys[a] < keys[b]; });
+  SortedKeys(const T* keys, uint32_t count) : sorted_(new KeyAndPosition<T>[count]) {
+    for (uint32_t i = 0; i < count; ++i) sorted_[i] = {keys[i], i};
+    std::sort(sorted_.get(), sorted_.get() + count,
+              [](const KeyAndPosition<T>& a, const KeyAndPosition<T>& b) { return a.key < b.key; });
   }
-  const T& key(uint64_t j) const { return keys_[order_[j]]; }
-  uint32_t position(uint64_t j) const { return order_[j]; }
+  const T& key(uint64_t j) const { return sorted_[j].key; }
+  uint32_t position(uint64_t j) const { return sorted_[j].position; }
 
  private:
-  const T* keys_;                // the caller's keys
-  std::vector<uint32_t> order_;  // positions in ascending key order
+  std::unique_ptr<KeyAndPosition<T>[]> sorted_;  // ascending by key
 };
 
 // Whether a key's answer lies past the whole run: every element of the run is passed.
@@ -172,10 +182,11 @@ void SearchLevels(const SortedRun<T>& run, LaneQueue<T, Passed>& queue, const Ke
 // Offsets within one run of the sorted keys [begin, begin + count). The keys at every
 // kBlockKeys-th place are searched first; then each block of keys between two of them, down
 // to its last level, before the next: the lines of a block's window, found again at every
-// level, are still in the cache.
-template <typename T, typename Keys, typename Passed>
+// level, are still in the cache. done(from, to) sees each block's keys [from, to) (absolute
+// places) answered while those lines are still there.
+template <typename T, typename Keys, typename Passed, typename Done>
 void SearchSortedRun(const SortedRun<T>& run, Passed passed, const Keys& keys, uint64_t begin,
-                     uint64_t count, uint64_t* offsets) {
+                     uint64_t count, uint64_t* offsets, Done&& done) {
   LaneQueue<T, Passed> queue(passed);
   const uint64_t blocks = count / kBlockKeys;
   SearchLevels(run, queue, keys, begin + kBlockKeys - 1, blocks, kBlockKeys, 0, run.count,
@@ -185,6 +196,7 @@ void SearchSortedRun(const SortedRun<T>& run, Passed passed, const Keys& keys, u
     const uint64_t last = std::min(first + kBlockKeys - 1, count);  // the next block key
     SearchLevels(run, queue, keys, begin + first, last - first, 1, b == 0 ? 0 : offsets[first - 1],
                  last < count ? offsets[last] : run.count, offsets + first);
+    done(begin + first, begin + std::min(last + 1, count));
   }
 }
 
@@ -224,10 +236,19 @@ void SearchSorted(const std::vector<SortedRun<T>>& runs, Passed passed, bool fin
   for (const SortedRun<T>& run : runs) {
     if (begin == count) break;
     const uint64_t end = FirstPassing(run, passed, sorted, begin, count);
-    SearchSortedRun(run, passed, sorted, begin, end - begin, offsets.get() + begin);
-    for (uint64_t j = begin; j < end; ++j) {
-      out[sorted.position(j)] = Answer(run, offsets[j], sorted.key(j), find, total);
-    }
+    auto answer = [&](uint64_t from, uint64_t to) {
+      for (uint64_t j = from; j < to; ++j) {
+        out[sorted.position(j)] = Answer(run, offsets[j], sorted.key(j), find, total);
+      }
+    };
+    // Find compares the element at each answer: block by block, while the block's lines are
+    // in the cache. The bounds are written in one pass after the run, so that the writes,
+    // scattered over the caller's buffer, stay out of the cache while the run is searched.
+    SearchSortedRun(run, passed, sorted, begin, end - begin, offsets.get() + begin,
+                    [&](uint64_t from, uint64_t to) {
+                      if (find) answer(from, to);
+                    });
+    if (!find) answer(begin, end);
     begin = end;
   }
   for (uint64_t j = begin; j < count; ++j) out[sorted.position(j)] = total;
@@ -236,14 +257,16 @@ void SearchSorted(const std::vector<SortedRun<T>>& runs, Passed passed, bool fin
 template <typename T, typename Passed>
 void SearchAll(const std::vector<SortedRun<T>>& runs, Passed passed, bool find, const T* keys,
                uint64_t count, uint64_t total, uint64_t* out) {
-  if (count < kMinSortedKeys) {
-    SearchInOrder(runs, passed, find, keys, count, total, out);
-    return;
+  if constexpr (SortsBatches<T>()) {
+    if (count >= kMinSortedKeys) {
+      for (uint64_t k = 0; k < count; k += kMaxSortedKeys) {
+        const uint64_t part = std::min(kMaxSortedKeys, count - k);
+        SearchSorted(runs, passed, find, keys + k, part, total, out + k);
+      }
+      return;
+    }
   }
-  for (uint64_t k = 0; k < count; k += kMaxSortedKeys) {
-    const uint64_t part = std::min(kMaxSortedKeys, count - k);
-    SearchSorted(runs, passed, find, keys + k, part, total, out + k);
-  }
+  SearchInOrder(runs, passed, find, keys, count, total, out);
 }
 
 }  // namespace batch
