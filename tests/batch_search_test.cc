@@ -189,8 +189,8 @@ void ExpectSorted(const std::vector<T>& keys) {
   }
 }
 
-// Signed keys (negative ones first, the extremes included) in few large buckets, and keys
-// skewed towards zero, so that buckets range from one key to thousands.
+// Signed keys (negative ones first, the extremes included) in few large buckets, keys skewed
+// towards zero, so that buckets range from one key to thousands, and keys all the same.
 TEST(RadixSort, SortsKeysWithTheirPositions) {
   std::mt19937_64 random(3);
   std::vector<int64_t> signed_keys(5000);
@@ -203,6 +203,7 @@ TEST(RadixSort, SortsKeysWithTheirPositions) {
   std::vector<uint32_t> skewed_keys(5000);
   for (auto& k : skewed_keys) k = static_cast<uint32_t>(random() % (1 + random() % (1u << 26)));
   ExpectSorted(skewed_keys);
+  ExpectSorted(std::vector<uint16_t>(100, 7));
 }
 
 }  // namespace

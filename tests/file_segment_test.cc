@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "src/core/bisect.h"
 #include "tests/support/temp_dir.h"
 #include "zu_data_manager/iterators.h"
 
@@ -54,6 +55,35 @@ TEST(CZUFileArrayImp, UpperBoundAnswersAsABisectionOfTheChunkInTheFile) {
   const uint64_t middle = chunk / 2;
   segment.SetElement(middle, values[middle + segment.sample_interval() - 1]);
   expect_chunk_bisection("a sample above its element");
+}
+
+// A segment smaller than a chunk answers UpperBound as the bisection of its elements in the
+// file always did, even where the elements within a page stand out of order: through the page
+// samples when it holds a power-of-two number of pages (the bisection's path then runs through
+// page starts), over the whole chunk otherwise.
+TEST(CZUFileArrayImp, UpperBoundOfASmallSegmentAnswersAsItsBisection) {
+  TempDataDir dir;
+  for (uint64_t pages : {64, 48}) {
+    Segment segment;
+    const uint64_t interval = segment.sample_interval();
+    std::vector<int64_t> values(pages * interval);
+    uint64_t seed = 1;
+    for (size_t i = 0; i < values.size(); ++i) {
+      seed = seed * 6364136223846793005u + 1442695040888963407u;
+      const auto page_start = static_cast<int64_t>(i / interval * 1000);
+      values[i] = i % interval == 0 ? page_start : page_start + static_cast<int64_t>(seed >> 53);
+    }
+    SimpleDataIter<unsigned char> first(reinterpret_cast<unsigned char*>(values.data()),
+                                        static_cast<unsigned int>(values.size()), sizeof(int64_t));
+    std::shared_ptr<ArrayIterBase> last = first.Clone();
+    last->Seek(static_cast<unsigned int>(values.size()));
+    segment.Append(zu::ZuArrayIter<int64_t>(&first), zu::ZuArrayIter<int64_t>(last.get()));
+    const auto at = [&](uint64_t i) { return values[i]; };
+    for (int64_t v = -1; v <= static_cast<int64_t>(pages * 1000 + 2100); v += 13) {
+      const uint64_t want = v < values[0] ? 0 : zu::BisectUpper(values.size(), v, at);
+      ASSERT_EQ(segment.SegmentUpperBound(v), want) << pages << " pages, value " << v;
+    }
+  }
 }
 
 }  // namespace

@@ -45,10 +45,13 @@
 // ZuSearchBatch answers `count` searches at once: out[k] is what one call of the chosen
 // search (LowerBound, UpperBound or Find) answers for keys[k], for every kind with its own
 // answers (see the README: UpperBound on file storage, the attached views' searches), keys in
-// any order. Where the array's data can be read in place it sorts the keys and searches the
-// runs, each search starting where the one before ended; otherwise it calls the search once
-// per key. It throws what the single search throws (the not-implemented error of attached
-// views). False, with nothing written, for a null array or one this library did not make.
+// any order. Where the array's data can be read in place it searches the runs itself: a
+// batch of 1 Ki keys or more is sorted first (scratch in proportion to the keys, 24 bytes a
+// key for int64, at most 4 Mi keys at a time), each key then searched between the answers of
+// keys around it; a smaller batch (or records over 128 bytes) in the order given, many
+// bisections side by side. Otherwise it calls the search once per key. It throws what the single
+// search throws (the not-implemented error of attached views). False, with nothing written, for a
+// null array or one this library did not make.
 //
 // Exported from the library (shared library and DLL). Thread-safety: not thread-safe: one
 // thread per array, and a run is a use of its array.

@@ -117,6 +117,10 @@ void RadixSortWithPositions(const T* keys, uint32_t count, KeyAndPosition<T>* so
   for (uint32_t i = 0; i < count; ++i) differ |= static_cast<U>(radix::Image(keys[i]) ^ first);
   int bits = 0;  // bits below the highest that differs, plus that one
   while (bits < static_cast<int>(8 * sizeof(T)) && (differ >> bits) != 0) ++bits;
+  if (bits == 0) {  // every key the same: they stay in the order given
+    for (uint32_t i = 0; i < count; ++i) sorted[i] = {keys[i], i};
+    return;
+  }
 
   // Deal into buckets by the highest telling bits, as many as suit the batch's size.
   int top_bits = 1;

@@ -21,7 +21,7 @@ uint64_t CZUFileArrayImp<T, Layout>::ScanPage(const typename Samples::Page& page
   const uint64_t len = std::min(samples_.interval(), size_ - start);
   // A segment of one chunk is small enough to stay in the CPU caches, where a branch-free
   // bisection is the quicker; a page of a larger one is likely not in them.
-  return start + (size_ <= kChunkLength ? BranchlessLower(view + page.start, len, value)
+  return start + (size_ <= kChunkLength ? PrefetchedLower(view + page.start, len, value)
                                         : PageLower(view + page.start, len, value));
 }
 
@@ -48,19 +48,25 @@ uint64_t CZUFileArrayImp<T, Layout>::SegmentUpperBound(const T& value) {
     const uint64_t base = chunk * kChunkLength;
     if (base >= size_) return size_;
     const uint64_t len = std::min(kChunkLength, size_ - base);
-    // A partly filled chunk (the segment's last, the whole of a small array, likely in the CPU
-    // caches), samples out of order, or samples that no longer match: the whole chunk.
-    if (len < kChunkLength || not_above == Samples::kUnknown || !samples_match_file_) {
-      return base + BranchlessUpper(view, len, value);
-    }
-    // A bisection over a whole chunk (a power-of-two number of pages) probes page starts
-    // first, one per level until a page is left; the samples hold those elements and, as they
-    // ascend, the path: it passes the last sample not above value (or no sample at all, when
-    // that is the chunk's first). One page finishes the same bisection.
+    // A bisection over a power-of-two number of whole pages (a full chunk, or the whole of a
+    // small array of such a length) probes page starts first, one per level until a page is
+    // left; the samples hold those elements and, as they ascend, the path: it passes the last
+    // sample not above value (or no sample at all, when that is the chunk's first). One page
+    // finishes the same bisection. Any other length (the segment's last chunk, partly filled),
+    // samples out of order, or samples that no longer match: the whole chunk.
     const uint64_t interval = samples_.interval();
+    const uint64_t pages = len / interval;
+    const bool whole_pages = len % interval == 0 && (pages & (pages - 1)) == 0;
+    // A segment of one chunk stays in the CPU caches (see ScanPage).
+    const bool cached = size_ <= kChunkLength;
+    if (!whole_pages || not_above == Samples::kUnknown || !samples_match_file_) {
+      return base + PrefetchedUpper(view, len, value);
+    }
     const uint64_t first = not_above == 1 ? 0 : (not_above - 1) * interval + 1;
     const uint64_t count = not_above == 1 ? interval : interval - 1;
-    return base + first + PageUpper(view + first, count, value);
+    return base + first +
+           (cached ? PrefetchedUpper(view + first, count, value)
+                   : PageUpper(view + first, count, value));
   });
 }
 
