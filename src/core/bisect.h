@@ -45,12 +45,20 @@ uint64_t BisectUpper(uint64_t count, const T& value, At&& at) {
 // of file data. They probe exactly the positions BisectLower / BisectUpper probe, in the same
 // order (so even unsorted data give the same answer), with the step chosen by arithmetic
 // instead of a branch: the branch of a bisection is mispredicted half the time.
-// go_right(element) says whether the answer lies past the probed element.
-template <typename T, typename GoRight>
+// go_right(element) says whether the answer lies past the probed element. With kPrefetch, for
+// data likely in the CPU caches but not in the first level (a small segment's file data), each
+// step first requests the lines of both probes the next step may make, so that the next load
+// is under way while this one waits (a step of the plain bisection waits a whole second-level
+// latency; this takes a fifth off a search of 64 Ki int64s).
+template <bool kPrefetch = false, typename T, typename GoRight>
 uint64_t BranchlessBisect(const T* data, uint64_t count, GoRight go_right) {
   uint64_t first = 0;
   while (count > 0) {
     const uint64_t half = count >> 1;
+    if constexpr (kPrefetch) {
+      __builtin_prefetch(data + first + (half >> 1));                           // left
+      __builtin_prefetch(data + first + half + 1 + ((count - 1 - half) >> 1));  // right
+    }
     // 1: go right past the probe, 0: keep the left half. Written as arithmetic so the
     // compiler cannot turn it back into a branch (unsigned wrap-around makes the difference
     // exact when it is "negative").
@@ -84,32 +92,14 @@ uint64_t BranchlessUpper(const T* data, uint64_t count, const T& value) {
   return BranchlessBisect(data, count, NotAboveValue<T>{value});
 }
 
-// The same probes again, for data likely in the CPU caches but not in the first level (a
-// small segment's file data): each step requests the lines of both probes the next step may
-// make before it makes its own, so that the next step's load is under way while this one
-// waits. (A step of the plain bisection waits a whole second-level latency; this takes a
-// fifth off a search of 64 Ki int64s.)
-template <typename T, typename GoRight>
-uint64_t PrefetchedBisect(const T* data, uint64_t count, GoRight go_right) {
-  uint64_t first = 0;
-  while (count > 0) {
-    const uint64_t half = count >> 1;
-    __builtin_prefetch(data + first + (half >> 1));                           // left
-    __builtin_prefetch(data + first + half + 1 + ((count - 1 - half) >> 1));  // right
-    const uint64_t right = static_cast<uint64_t>(go_right(data[first + half]));
-    first += right * (half + 1);
-    count = half + right * (count - 1 - half - half);
-  }
-  return first;
-}
-
+// The prefetching form (see BranchlessBisect).
 template <typename T>
 uint64_t PrefetchedLower(const T* data, uint64_t count, const T& value) {
-  return PrefetchedBisect(data, count, BelowValue<T>{value});
+  return BranchlessBisect<true>(data, count, BelowValue<T>{value});
 }
 template <typename T>
 uint64_t PrefetchedUpper(const T* data, uint64_t count, const T& value) {
-  return PrefetchedBisect(data, count, NotAboveValue<T>{value});
+  return BranchlessBisect<true>(data, count, NotAboveValue<T>{value});
 }
 
 // The same probes again, for a run of file data that is likely outside the CPU caches (one page
