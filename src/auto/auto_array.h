@@ -97,9 +97,7 @@ class CZUAutoDequeArray : public CZUArrayBase<T, IZUArrayImp<T>> {
   }
   bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
     if (spilled_) return InFiles::SearchBatch(Files(), search, keys, count, out);
-    return SearchInRuns<T>(
-        this->Size(), [this](uint64_t i, ZuReadRun* run) { return this->ReadRunAt(i, run); },
-        search, keys, count, out);
+    return SearchInOwnRuns<T>(*this, this->Size(), search, keys, count, out);
   }
 
   bool spilled() const { return spilled_; }

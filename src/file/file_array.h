@@ -61,8 +61,8 @@ struct FileArrayOps {
   static bool ReadRunAt(Storage& files, uint64_t index, ZuReadRun* run) {
     return files.ReadRunAt(index, run);
   }
-  // Over the files' runs once the staged elements are written, when the runs cover the
-  // array; UpperBound answers as the storage does at the last segment's end.
+  // Over the files' runs (asking for one writes the staged elements), when the runs cover
+  // the array; UpperBound answers as the storage does at the last segment's end.
   static bool SearchBatch(Storage& files, ZuSearch search, const void* keys, uint64_t count,
                           uint64_t* out);
 };
@@ -167,7 +167,6 @@ bool FileArrayOps<T, Layout>::SaveDescription(Storage& files, base::DictionaryVa
 template <typename T, typename Layout>
 bool FileArrayOps<T, Layout>::SearchBatch(Storage& files, ZuSearch search, const void* keys,
                                           uint64_t count, uint64_t* out) {
-  files.WriteStaged();
   const auto size = static_cast<uint64_t>(files.GetSize());
   auto run_at = [&files](uint64_t i, ZuReadRun* run) { return files.ReadRunAt(i, run); };
   if (!SearchInRuns<T>(size, run_at, search, keys, count, out)) return false;

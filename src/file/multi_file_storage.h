@@ -101,10 +101,6 @@ class CZUMultiFileArrayImp final : public IZUArrayImp<T> {
   // elements are written: the whole readable prefix, else the readable part of the segment's
   // wide read view. False when there is none.
   bool ReadRunAt(uint64_t index, ZuReadRun* run);
-  // Writes what single appends staged, so that every element can be read from the files.
-  void WriteStaged() {
-    if (last_ != nullptr) last_->WriteStaged();
-  }
   // See Segment::MapSmallWrites; for the segments there are and those to come.
   void MapSmallWrites(bool on) {
     map_small_writes_ = on;
@@ -226,7 +222,7 @@ void CZUMultiFileArrayImp<T, Layout>::JoinReadMap(Segment& segment) {
 
 template <typename T, typename Layout>
 bool CZUMultiFileArrayImp<T, Layout>::ReadRunAt(uint64_t index, ZuReadRun* run) {
-  WriteStaged();
+  if (last_ != nullptr) last_->WriteStaged();  // so that every element is in the files
   if (index < direct_count()) {
     *run = {direct_reads(), 0, direct_count(), kZuRunKeptByAppends};
     return true;

@@ -121,6 +121,14 @@ bool SearchInRuns(uint64_t size, RunAt&& run_at, ZuSearch search, const void* ke
   SearchRuns(runs, search, static_cast<const T*>(keys), count, out);
   return true;
 }
+// The same over the runs the array itself answers (its ReadRunAt).
+template <typename T>
+bool SearchInOwnRuns(DirectReads& reads, uint64_t size, ZuSearch search, const void* keys,
+                     uint64_t count, uint64_t* out) {
+  return SearchInRuns<T>(
+      size, [&reads](uint64_t i, ZuReadRun* run) { return reads.ReadRunAt(i, run); }, search, keys,
+      count, out);
+}
 
 // Whether Ops offers TryPushBack.
 template <typename Ops, typename = void>

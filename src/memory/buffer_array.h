@@ -125,10 +125,7 @@ class CZUBufferArray : public CZUArrayBase<T, PodVector<T>> {
   // searches are left to their single calls, which refuse.
   bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
     if (search != kZuSearchUpperBound) return false;
-    return SearchInRuns<T>(
-        view_.count(),
-        [this](uint64_t i, ZuReadRun* run) { return CZUBufferArray::ReadRunAt(i, run); },
-        kZuSearchFind, keys, count, out);
+    return SearchInOwnRuns<T>(*this, view_.count(), kZuSearchFind, keys, count, out);
   }
 
  protected:

@@ -92,9 +92,7 @@ class CZUDequeArray : public CZUArrayBase<T, std::xdeque<T, N>> {
     return ContainerRunAt<typename Base::Ops>(*this->container_, index, kZuRunKeptByAppends, run);
   }
   bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
-    return SearchInRuns<T>(
-        this->container_->size(), [this](uint64_t i, ZuReadRun* run) { return ReadRunAt(i, run); },
-        search, keys, count, out);
+    return SearchInOwnRuns<T>(*this, this->container_->size(), search, keys, count, out);
   }
 };
 

@@ -87,9 +87,7 @@ class CZUVectorArray : public CZUArrayBase<T, PodVector<T>> {
     return ContainerRunAt<typename Base::Ops>(*this->container_, index, 0, run);
   }
   bool SearchBatch(ZuSearch search, const void* keys, uint64_t count, uint64_t* out) override {
-    return SearchInRuns<T>(
-        this->container_->size(), [this](uint64_t i, ZuReadRun* run) { return ReadRunAt(i, run); },
-        search, keys, count, out);
+    return SearchInOwnRuns<T>(*this, this->container_->size(), search, keys, count, out);
   }
 };
 
